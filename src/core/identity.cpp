@@ -1,0 +1,104 @@
+// What the service tells the agent about itself after initialisation (addresses, process and service
+// identity, attributes), the per-service device log, and the flush notice to the collector.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "core/bytes.h"
+#include "core/module_hooks.h"
+#include "core/mutex_guard.h"
+#include "core/paths.h"
+#include "qvagent/qv_agent_identity.h"
+#include "qvagent/qv_agent_memory.h"
+#include "qvagent/qv_agent_wire.h"
+#include "qvplatform/qv_bounded.h"
+#include "transport/wire_head.h"
+
+namespace {
+
+constexpr mode_t kDevLogMode = 0600;
+constexpr uint32_t kLoopbackIp = 0x7F000001u;  // 127.0.0.1, host order
+
+uint32_t NetworkOrder(uint32_t hostIp) {
+    uint32_t net = 0;
+    qv::bytes::StoreBe32(reinterpret_cast<uint8_t *>(&net), hostIp);
+    return net;
+}
+
+// Where the flush notice goes: this board while the collector location is unknown or local, else the
+// main board. Network order.
+uint32_t CollectorIp(QvAgentModule *module) {
+    if (module->bLocalCollector != 0 || module->bServerInfoValid != 1) return NetworkOrder(kLoopbackIp);
+    return qv::hook::MainBoardIp(module);
+}
+
+}  // namespace
+
+uint32_t QV_Agent_SetMainBoardIP(QvAgentModule *module, uint32_t ip) {
+    if (module == nullptr || ip == 0) return QV_AGENT_ERR_PARAM;
+    module->uiMainBoardIp = ip;
+    return QV_AGENT_OK;
+}
+
+uint32_t QV_Agent_SetLocalIP(QvAgentModule *module, uint32_t ip) {
+    if (module == nullptr || ip == 0) return QV_AGENT_ERR_PARAM;
+    if (ip != module->uiSelfIp && module->bLocalCollector == 0 && QV_Agent_InitHandleMutexLock() == QV_AGENT_OK) {
+        qv::MutexGuard guard(g_handleMutex);
+        for (uint32_t &state : module->auiMeshState) state = QV_AGENT_MESH_ADDR_CHANGED;
+    }
+    module->uiSelfIp = ip;
+    return QV_AGENT_OK;
+}
+
+uint32_t QV_Agent_SetProcessInfo(QvAgentModule *module, const QvAgentProcessInfo *info) {
+    if (module == nullptr || info == nullptr) return QV_AGENT_ERR_PARAM;
+    std::memcpy(module->auiProcessInfo, info->auiProcessInfo, sizeof module->auiProcessInfo);
+    return static_cast<uint32_t>(strncpy_s(module->szProcessName, sizeof module->szProcessName,
+                                           info->szProcessName, sizeof info->szProcessName));
+}
+
+uint32_t QV_Agent_SetServiceInfo(QvAgentModule *module, const char *name, uint32_t serviceId) {
+    if (module == nullptr || name == nullptr) return QV_AGENT_ERR_PARAM;
+    std::memset(module->szServiceName, 0, sizeof module->szServiceName);
+    const qv_errno_t rc = strcpy_s(module->szServiceName, sizeof module->szServiceName, name);
+    if (rc != QV_EOK) return static_cast<uint32_t>(rc);
+    module->uiServiceId = serviceId;
+    return QV_AGENT_OK;
+}
+
+uint32_t QV_Agent_SetAttribute(QvAgentModule *module, int32_t attribute, const uint32_t *value) {
+    if (module == nullptr || value == nullptr) return QV_AGENT_ERR_PARAM;
+    switch (attribute) {
+        case QV_AGENT_ATTR_LIST_LIMIT: module->uiListLimit = *value; return QV_AGENT_OK;
+        case QV_AGENT_ATTR_RESERVED: module->uiAttrReserved = *value; return QV_AGENT_OK;
+        default: return QV_AGENT_ERR_PARAM;
+    }
+}
+
+uint32_t QV_Agent_DevLog(const char *name, const uint8_t *bytes, int32_t len) {
+    if (name == nullptr || bytes == nullptr || len < 0) return QV_AGENT_ERR_DEVLOG;
+    char path[QV_AGENT_DEVLOG_PATH_MAX] = {};
+    if (snprintf_s(path, sizeof path, qv::path::kDevLogFormat, name) < 0) return QV_AGENT_ERR_DEVLOG;
+    const int fd = ::open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, kDevLogMode);
+    if (fd < 0) return QV_AGENT_ERR_DEVLOG;
+    const ssize_t written = ::write(fd, bytes, static_cast<size_t>(len));
+    ::close(fd);
+    return written == len ? QV_AGENT_OK : QV_AGENT_ERR_DEVLOG;
+}
+
+uint32_t QV_Agent_FlushToLogFile(QvAgentModule *module) {
+    if (module == nullptr) return QV_AGENT_ERR_PARAM;
+    auto *notice = static_cast<uint8_t *>(QV_AGENT_Malloc(QV_WIRE_FLUSH_NOTICE_LEN, module));
+    if (notice == nullptr) return QV_AGENT_ERR_NO_MEMORY;
+    std::memset(notice, 0, QV_WIRE_FLUSH_NOTICE_LEN);
+    qv::bytes::StoreBe16(notice + QV_WIRE_HEAD_TOTAL_LEN_OFF, QV_WIRE_FLUSH_NOTICE_LEN);
+    notice[QV_WIRE_HEAD_MSG_TYPE_OFF] = QV_WIRE_MSG_FLUSH;
+    QV_AGENT_SetMsgByteOrder(notice);
+
+    const uint32_t rc = qv::hook::MeshSendToCollector(module, QV_AGENT_MSG_LOG, CollectorIp(module), notice,
+                                                      QV_WIRE_FLUSH_NOTICE_LEN);
+    if (rc != QV_AGENT_OK) QV_AGENT_WriteToFile("MESH_SendTo fail errno=%u\n", rc);
+    QV_AGENT_Free(notice, module);
+    return rc;
+}

@@ -1,0 +1,79 @@
+// The agent's allocation functions: every block of the agent comes from here. Each call chooses,
+// under g_farnoInitMutex, between the platform runtime's accounted allocator (while g_farnoInited is
+// set) and the system allocator.
+#include <atomic>
+#include <cstdlib>
+
+#include "core/memory_internal.h"
+#include "core/module_hooks.h"
+#include "core/mutex_guard.h"
+#include "qvagent/qv_agent_memory.h"
+#include "qvplatform/pal.h"
+
+uint32_t g_farnoInited = 0;
+uint32_t g_qvagentMemHandle = 0;
+pthread_mutex_t g_farnoInitMutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+// What the platform allocator records as the origin of each block, fixed per entry point.
+constexpr const char kAllocOrigin[] = "qv_agent_common";
+constexpr uint32_t kLineMallocWithInit = 48;
+constexpr uint32_t kLineFreeWithInit = 66;
+constexpr uint32_t kLineMalloc = 79;
+constexpr uint32_t kLineFree = 97;
+
+// Changed only under g_farnoInitMutex; atomic so that it can be read without it.
+std::atomic<uint64_t> g_blocksOutstanding{0};
+
+void *Allocate(uint32_t size, uint32_t line) {
+    qv::MutexGuard guard(g_farnoInitMutex);
+    void *block = g_farnoInited != 0 ? PAL_MemAlloc_F(g_qvagentMemHandle, 0, size, kAllocOrigin, line)
+                                     : std::malloc(size);
+    if (block != nullptr) g_blocksOutstanding.fetch_add(1, std::memory_order_relaxed);
+    return block;
+}
+
+void Release(void *block, uint32_t line) {
+    if (block == nullptr) return;
+    qv::MutexGuard guard(g_farnoInitMutex);
+    if (g_farnoInited != 0) {
+        PAL_MemFree_F(g_qvagentMemHandle, block, kAllocOrigin, line);
+    } else {
+        std::free(block);
+    }
+    g_blocksOutstanding.fetch_sub(1, std::memory_order_relaxed);
+}
+
+}  // namespace
+
+namespace qv {
+
+uint64_t BlocksOutstanding() { return g_blocksOutstanding.load(std::memory_order_relaxed); }
+
+}  // namespace qv
+
+void *QV_AGENT_Malloc(uint32_t size, QvAgentModule * /*module*/) {
+    void *block = Allocate(size, kLineMalloc);
+    if (block == nullptr) QV_AGENT_WriteToFile("malloc error, size=%u", size);
+    return block;
+}
+
+void QV_AGENT_Free(void *ptr, QvAgentModule * /*module*/) { Release(ptr, kLineFree); }
+
+void *QV_AGENT_MallocWithInit(uint32_t size, const QvAgentServiceDesc * /*desc*/) {
+    void *block = Allocate(size, kLineMallocWithInit);
+    if (block == nullptr) QV_AGENT_WriteToFile("malloc with init error, size=%u", size);
+    return block;
+}
+
+void QV_AGENT_FreeWithInit(void *ptr, const QvAgentServiceDesc * /*desc*/) { Release(ptr, kLineFreeWithInit); }
+
+uint32_t QV_AGENT_SendMallocLog(QvAgentModule *module) {
+    uint32_t platformAllocator = 0;
+    {
+        qv::MutexGuard guard(g_farnoInitMutex);
+        platformAllocator = g_farnoInited != 0 ? 1 : 0;
+    }
+    return qv::hook::SendAllocatorReport(module, platformAllocator);
+}

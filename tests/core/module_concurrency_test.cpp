@@ -1,0 +1,89 @@
+// Concurrent first use of the agent: threads racing into QV_Agent_Init, and trace lines written from
+// many threads at once.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent_support.h"
+#include "test_support.h"
+
+namespace {
+
+constexpr int kThreads = 8;
+
+// Spins until every thread has arrived, so the calls after it overlap as much as possible.
+class StartLine {
+public:
+    explicit StartLine(int parties) : waiting_(parties) {}
+    void Arrive() {
+        waiting_.fetch_sub(1);
+        while (waiting_.load() > 0) std::this_thread::yield();
+    }
+
+private:
+    std::atomic<int> waiting_;
+};
+
+TEST(ModuleConcurrency, ThreadsRacingIntoInitAllReceiveTheOneRecord) {
+    for (int round = 0; round < 20; ++round) {
+        qvtest::ReleaseModule();
+        StartLine start(kThreads);
+        std::vector<QvAgentModule *> got(kThreads, nullptr);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, t] {
+                QvAgentServiceDesc desc = qvtest::MakeDesc("racer" + std::to_string(t), static_cast<uint32_t>(t));
+                start.Arrive();
+                got[static_cast<size_t>(t)] = QV_Agent_Init(&desc);
+            });
+        }
+        for (std::thread &th : threads) th.join();
+        ASSERT_NE(got[0], nullptr);
+        for (QvAgentModule *m : got) EXPECT_EQ(m, got[0]);
+        EXPECT_EQ(qvtest::AgentBlocks(), 1u) << "exactly one record was created in round " << round;
+    }
+    qvtest::ReleaseModule();
+    EXPECT_EQ(qvtest::AgentBlocks(), 0u);
+}
+
+TEST(ModuleConcurrency, TraceLinesOfManyThreadsNeverInterleave) {
+    constexpr char kTraceFile[] = "/opt/zanthe/var/log/qvagent.log";
+    constexpr int kLines = 200;
+    ::unlink(kTraceFile);
+    qvtest::ServiceTypeEnv env("conc");
+    g_bQvagentDbgSwitch = 1;
+    StartLine start(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            start.Arrive();
+            for (int i = 0; i < kLines; ++i) QV_AGENT_WriteToFile("thread %d line %d %s", t, i, std::string(300, 'x').c_str());
+        });
+    }
+    for (std::thread &th : threads) th.join();
+    g_bQvagentDbgSwitch = 0;
+
+    std::istringstream in(qvtest::ReadFile(kTraceFile));
+    std::string line;
+    std::vector<int> next(kThreads, 0);
+    int total = 0;
+    while (std::getline(in, line)) {
+        int t = -1;
+        int i = -1;
+        const size_t at = line.find("[conc]thread ");
+        ASSERT_NE(at, std::string::npos) << line;
+        ASSERT_EQ(std::sscanf(line.c_str() + at, "[conc]thread %d line %d", &t, &i), 2) << line;
+        ASSERT_TRUE(t >= 0 && t < kThreads);
+        EXPECT_EQ(i, next[static_cast<size_t>(t)]++) << "lines of one thread stay in order";
+        EXPECT_EQ(line.size() - line.rfind(' ') - 1, 300u) << "line is whole";
+        ++total;
+    }
+    EXPECT_EQ(total, kThreads * kLines);
+}
+
+}  // namespace

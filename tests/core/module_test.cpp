@@ -1,0 +1,243 @@
+// The module record: creation, its initial values, refresh after QV_Agent_UnInit, the blackbox name
+// and the recovery of the socket-mode transport.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+
+#include "agent_support.h"
+#include "blackbox/blackbox.h"
+#include "qvplatform_testctl.h"
+
+namespace {
+
+class ModuleTest : public testing::Test {
+protected:
+    void SetUp() override { qvtest::ReleaseModule(); }
+    void TearDown() override {
+        qvtest::ReleaseModule();
+        EXPECT_EQ(qvtest::AgentBlocks(), 0u) << "the test left agent memory behind";
+    }
+};
+
+TEST_F(ModuleTest, InitWithoutDescriptionCreatesNothing) {
+    EXPECT_EQ(QV_Agent_Init(nullptr), nullptr);
+    EXPECT_EQ(g_QvHandle, 0u);
+    EXPECT_EQ(qvtest::AgentBlocks(), 0u);
+}
+
+TEST_F(ModuleTest, FreshRecordCarriesTheDescriptionAndItsInitialValues) {
+    QvAgentServiceDesc desc = qvtest::MakeDesc("svc_a", 42, 0);
+    desc.usLocalPort = 7000;
+    desc.ulCallerData1 = 0x1122334455667788ull;
+    desc.uiSelfIp = 0x0A000001;
+    QvAgentModule *m = QV_Agent_Init(&desc);
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(m), g_QvHandle);
+
+    EXPECT_STREQ(m->szServiceName, "svc_a");
+    EXPECT_EQ(m->uiServiceId, 42u);
+    EXPECT_EQ(m->usLocalPort, 7000u);
+    EXPECT_EQ(m->ulCallerData1, 0x1122334455667788ull);
+    EXPECT_EQ(m->uiSelfIp, 0x0A000001u) << "without device management the caller's address stays";
+    EXPECT_EQ(m->uiListLimit, QV_AGENT_DEFAULT_LIST_LIMIT);
+    for (const QvAgentSendList &list : m->astSendList) {
+        const auto *head = reinterpret_cast<const QvAgentListItem *>(&list);
+        EXPECT_EQ(list.pstNext, head);
+        EXPECT_EQ(list.pstPrev, head);
+        EXPECT_EQ(list.uiCount, 0u);
+        EXPECT_EQ(list.uiSeqNo, 0u);
+    }
+    EXPECT_EQ(m->bCreated, 1u);
+    EXPECT_EQ(m->iSockFd, 0);
+    EXPECT_EQ(m->iReservedFd, -1);
+    for (uint32_t k = 0; k < QV_AGENT_MSG_KIND_COUNT; ++k) {
+        EXPECT_EQ(m->aiMeshFd[k], -1);
+        EXPECT_EQ(m->auiMeshState[k], QV_AGENT_MESH_NOT_CREATED);
+    }
+    EXPECT_EQ(m->stDiagTree.pfnCompare, &QV_AGENT_DiagStatisTreeCompare);
+    EXPECT_EQ(m->stDiagTree.pstRoot, nullptr);
+    EXPECT_EQ(m->stDiagTree.pstFirst, nullptr);
+    EXPECT_EQ(m->stDiagTree.pstLast, nullptr);
+    EXPECT_EQ(m->ucCpuId, 0u);
+    EXPECT_EQ(m->ucLocalIdA, 0u);
+    EXPECT_EQ(m->ucLocalIdB, 0u);
+    EXPECT_EQ(m->bNeedFlush, 0u);
+    EXPECT_EQ(m->bServerInfoValid, 0u);
+    EXPECT_EQ(m->uiTick, 0u);
+}
+
+TEST_F(ModuleTest, WithoutSchedulerThreadTheRecordWaitsForSocketMode) {
+    QvAgentServiceDesc desc = qvtest::MakeDesc("svc_b");
+    QvAgentModule *m = QV_Agent_Init(&desc);
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(m->uiTransportState, QV_AGENT_STATE_NO_THREADS);
+    EXPECT_EQ(m->pstSchedCtrl, nullptr) << "the control block is released when no thread runs";
+    EXPECT_EQ(qvtest::AgentBlocks(), 1u) << "only the record itself remains";
+}
+
+TEST_F(ModuleTest, SecondInitReturnsTheSameRecordAndIgnoresItsDescription) {
+    QvAgentServiceDesc first = qvtest::MakeDesc("first", 1, 5);
+    QvAgentServiceDesc second = qvtest::MakeDesc("second", 2, 9);
+    QvAgentModule *m = QV_Agent_Init(&first);
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(QV_Agent_Init(&second), m);
+    EXPECT_STREQ(m->szServiceName, "first");
+    EXPECT_EQ(m->uiServiceId, 1u);
+    EXPECT_EQ(m->uiListLimit, 5u);
+    EXPECT_EQ(qvtest::AgentBlocks(), 1u);
+}
+
+TEST_F(ModuleTest, InitAfterUnInitRefreshesTheDescriptionOnce) {
+    struct Case {
+        const char *name;
+        uint32_t newLimit;
+        uint32_t expectLimit;
+    };
+    const Case cases[] = {
+        {"zero limit keeps the old one", 0, 5},
+        {"nonzero limit replaces it", 12, 12},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        qvtest::ReleaseModule();
+        QvAgentServiceDesc old = qvtest::MakeDesc("old_name", 1, 5);
+        old.usLocalPort = 100;
+        old.uiSelfIp = 0x01020304;
+        old.uiAttrReserved = 9;
+        QvAgentModule *m = QV_Agent_Init(&old);
+        ASSERT_NE(m, nullptr);
+        ASSERT_EQ(QV_Agent_UnInit(m), QV_AGENT_OK);
+        EXPECT_EQ(m->bNeedFlush, 1u);
+
+        QvAgentServiceDesc fresh = qvtest::MakeDesc("new_name", 77, c.newLimit);
+        fresh.ulCallerData1 = 11;
+        fresh.ulCallerData2 = 22;
+        fresh.usLocalPort = 200;
+        fresh.uiSelfIp = 0x05060708;
+        fresh.uiAttrReserved = 3;
+        EXPECT_EQ(QV_Agent_Init(&fresh), m);
+        EXPECT_STREQ(m->szServiceName, "new_name");
+        EXPECT_EQ(m->uiServiceId, 77u);
+        EXPECT_EQ(m->ulCallerData1, 11u);
+        EXPECT_EQ(m->ulCallerData2, 22u);
+        EXPECT_EQ(m->uiListLimit, c.expectLimit);
+        EXPECT_EQ(m->usLocalPort, 100u) << "only name, id, caller data and limit are refreshed";
+        EXPECT_EQ(m->uiSelfIp, 0x01020304u);
+        EXPECT_EQ(m->uiAttrReserved, 9u);
+        EXPECT_EQ(m->bNeedFlush, 0u);
+
+        QvAgentServiceDesc later = qvtest::MakeDesc("later", 99, 3);
+        EXPECT_EQ(QV_Agent_Init(&later), m);
+        EXPECT_STREQ(m->szServiceName, "new_name") << "the refresh happens once per QV_Agent_UnInit";
+    }
+}
+
+TEST_F(ModuleTest, RefreshWithAnUnterminatedNameStopsAtTheName) {
+    QvAgentServiceDesc old = qvtest::MakeDesc("old", 1, 5);
+    old.ulCallerData1 = 1;
+    QvAgentModule *m = QV_Agent_Init(&old);
+    ASSERT_NE(m, nullptr);
+    QvAgentServiceDesc bad = qvtest::MakeDesc("", 2, 8);
+    std::memset(bad.szServiceName, 'x', sizeof bad.szServiceName);  // 32 characters, no terminator
+    bad.ulCallerData1 = 2;
+    EXPECT_EQ(QV_AGENT_FlushModule(&bad, m), QV_AGENT_ERR_FAILED);
+    EXPECT_EQ(m->uiServiceId, 2u) << "the id is taken before the name";
+    EXPECT_STREQ(m->szServiceName, "");
+    EXPECT_EQ(m->ulCallerData1, 1u) << "nothing after the name is taken";
+    EXPECT_EQ(m->uiListLimit, 5u);
+
+    EXPECT_EQ(QV_AGENT_FlushModule(nullptr, m), QV_AGENT_ERR_PARAM);
+    EXPECT_EQ(QV_AGENT_FlushModule(&old, nullptr), QV_AGENT_ERR_PARAM);
+    EXPECT_EQ(QV_Agent_UnInit(nullptr), QV_AGENT_ERR_PARAM);
+}
+
+TEST_F(ModuleTest, BlackboxNameFollowsTheServiceType) {
+    const std::string longType(300, 't');
+    struct Case {
+        const char *serviceType;  // null: unset
+        const char *expectName;
+    };
+    const Case cases[] = {
+        {nullptr, ""},
+        {"tzk_frm", "/opt/zanthe/var/LOG_tzk_frm_blackbox"},
+        {"lmo_xvd", "/opt/zanthe/var/LOG_lmo_xvd_blackbox"},
+        {"ukt", "/opt/zanthe/var/LOG_ukt_blackbox"},
+        {longType.c_str(), ""},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.serviceType == nullptr ? "unset" : c.serviceType);
+        qvtest::ReleaseModule();
+        qvtest::ServiceTypeEnv env(c.serviceType);
+        QvAgentServiceDesc desc = qvtest::MakeDesc("svc");
+        QvAgentModule *m = QV_Agent_Init(&desc);
+        ASSERT_NE(m, nullptr);
+        EXPECT_STREQ(m->szBlackboxFile, c.expectName);
+        EXPECT_EQ(m->bBlackboxEnable, 0u);
+    }
+}
+
+TEST_F(ModuleTest, BlackboxFileNameRefusesBadBuffers) {
+    qvtest::ServiceTypeEnv env("svc");
+    char name[40];
+    EXPECT_EQ(QV_AGENT_GetFileBufName(nullptr, 40), QV_AGENT_ERR_PARAM);
+    EXPECT_EQ(QV_AGENT_GetFileBufName(name, 0), QV_AGENT_ERR_FAILED);
+    std::memset(name, 'z', sizeof name);
+    // "/opt/zanthe/var/LOG_svc_blackbox" is 32 characters: 33 bytes fit, 32 do not.
+    EXPECT_EQ(QV_AGENT_GetFileBufName(name, 32), QV_AGENT_ERR_FAILED);
+    EXPECT_STREQ(name, "");
+    EXPECT_EQ(QV_AGENT_GetFileBufName(name, 33), QV_AGENT_OK);
+    EXPECT_STREQ(name, "/opt/zanthe/var/LOG_svc_blackbox");
+}
+
+TEST_F(ModuleTest, RecoveryMovesThroughTheTransportStates) {
+    const int udp = ::socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(udp, 0);
+    struct Case {
+        const char *name;
+        uint32_t state;
+        int sockFd;
+        uint32_t expectResult;
+        uint32_t expectState;
+    };
+    // Socket mode cannot start in this build: every step that needs it fails, and the state tells
+    // which step recovery has to retry.
+    const Case cases[] = {
+        {"running transport is left alone", QV_AGENT_STATE_READY, 0, QV_AGENT_OK, QV_AGENT_STATE_READY},
+        {"socket missing stays missing", QV_AGENT_STATE_NO_SOCKET, -1, QV_AGENT_ERR_RECOVERY,
+         QV_AGENT_STATE_NO_SOCKET},
+        {"threads missing and never a socket", QV_AGENT_STATE_NO_THREADS, 0, QV_AGENT_ERR_RECOVERY,
+         QV_AGENT_STATE_NO_SOCKET},
+        {"threads missing with a socket", QV_AGENT_STATE_NO_THREADS, udp, QV_AGENT_ERR_RECOVERY,
+         QV_AGENT_STATE_NO_THREADS},
+    };
+    QvAgentServiceDesc desc = qvtest::MakeDesc("svc");
+    QvAgentModule *m = QV_Agent_Init(&desc);
+    ASSERT_NE(m, nullptr);
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        m->uiTransportState = c.state;
+        m->iSockFd = c.sockFd;
+        EXPECT_EQ(QV_AGENT_CreateModuleRecovery(m), c.expectResult);
+        EXPECT_EQ(m->uiTransportState, c.expectState);
+    }
+    EXPECT_EQ(QV_AGENT_CreateModuleRecovery(nullptr), QV_AGENT_ERR_PARAM);
+    ::close(udp);
+}
+
+TEST_F(ModuleTest, RestraintOrderIsUnsignedById) {
+    struct Case {
+        uint32_t a;
+        uint32_t b;
+        int32_t expect;
+    };
+    const Case cases[] = {{1, 2, -1}, {2, 1, 1}, {7, 7, 0}, {0x80000000u, 1, 1}, {0, 0xFFFFFFFFu, -1}};
+    for (const Case &c : cases) {
+        EXPECT_EQ(QV_AGENT_DiagStatisTreeCompare(&c.a, &c.b), c.expect) << c.a << " vs " << c.b;
+    }
+    EXPECT_EQ(QV_AGENT_DiagStatisTreeCompare(nullptr, &cases[0].a), static_cast<int32_t>(QV_AGENT_ERR_PARAM));
+}
+
+}  // namespace
