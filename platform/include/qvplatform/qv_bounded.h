@@ -32,7 +32,7 @@ typedef int qv_errno_t;
 #define QV_EOVERLAP 54    /* source and destination overlap */
 
 /* Largest size any bounded function accepts; larger sizes are taken as a caller's error. */
-#define QV_BOUNDED_MAX_SIZE ((size_t)0x7FFFFFFF)
+#define QV_BOUNDED_MAX_SIZE 0x7FFFFFFFu
 
 qv_errno_t memcpy_s(void *dest, size_t destMax, const void *src, size_t count);
 qv_errno_t memset_s(void *dest, size_t destMax, int c, size_t count);
@@ -56,9 +56,6 @@ int vsnprintf_truncated_s(char *dest, size_t destMax, const char *format, va_lis
 
 #ifdef __cplusplus
 }
-
-/* QV_BOUNDED_MAX_SIZE for C++ code, which is built with -Wold-style-cast. */
-inline constexpr size_t kQvBoundedMaxSize = 0x7FFFFFFF;
 #endif
 
 #endif
