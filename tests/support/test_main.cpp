@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "qvplatform_testctl.h"
 #include "test_support.h"
 
 int main(int argc, char **argv) {
@@ -12,5 +13,6 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "refusing to run: /opt is not a private tmpfs; run through tests/support/qv_isolate\n");
         return 2;
     }
+    QVPLAT_TestSetFreshFill(1);
     return RUN_ALL_TESTS();
 }

@@ -20,13 +20,15 @@ extern "C" {
 /* Nonzero once the platform runtime has started. */
 uint32_t PAL_StarterSystemStartUpIs(void);
 
-/* Gives the memory handle registered under name (the same handle for the same name); 0 on success. */
+/* Gives the memory handle registered under name (the same handle for the same name, never 0); 0 on
+ * success. */
 uint32_t PAL_HandleInitialize(const char *name, uint32_t *handle);
 
 /* Accounted allocation: counts blocks and bytes outstanding per handle. Null on failure. */
 void *PAL_MemAlloc_F(uint32_t handle, uint32_t flags, uint32_t size, const char *file, uint32_t line);
 
-/* Releases a block of PAL_MemAlloc_F; 0 on success, nonzero for a null or foreign block. */
+/* Releases a block of PAL_MemAlloc_F; 0 on success, nonzero (and nothing changed) for a null, foreign
+ * or already released block. */
 uint32_t PAL_MemFree_F(uint32_t handle, void *ptr, const char *file, uint32_t line);
 
 /* ---- AVL trees ----

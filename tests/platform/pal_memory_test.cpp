@@ -1,0 +1,171 @@
+// Tests of the stand-in's start-up state, memory handles and accounted allocation.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qvplatform/pal.h"
+#include "qvplatform_testctl.h"
+
+namespace {
+
+uint32_t HandleOf(const char *name) {
+    uint32_t handle = 0;
+    EXPECT_EQ(PAL_HandleInitialize(name, &handle), 0u) << name;
+    return handle;
+}
+
+void *Alloc(uint32_t handle, uint32_t size) {
+    return PAL_MemAlloc_F(handle, 0, size, __FILE__, __LINE__);
+}
+
+uint32_t Free(uint32_t handle, void *ptr) {
+    return PAL_MemFree_F(handle, ptr, __FILE__, __LINE__);
+}
+
+void ExpectOutstanding(uint32_t handle, uint64_t blocks, uint64_t bytes) {
+    EXPECT_EQ(QVPLAT_TestBlocksOutstanding(handle), blocks) << "handle " << handle;
+    EXPECT_EQ(QVPLAT_TestBytesOutstanding(handle), bytes) << "handle " << handle;
+}
+
+TEST(PalMemory, StartUpStateAndHandles) {
+    EXPECT_EQ(PAL_StarterSystemStartUpIs(), 1u);
+    QVPLAT_TestSetStarted(0);
+    EXPECT_EQ(PAL_StarterSystemStartUpIs(), 0u);
+    QVPLAT_TestSetStarted(1);
+
+    const uint32_t one = HandleOf("pal-handle-one");
+    const uint32_t two = HandleOf("pal-handle-two");
+    EXPECT_NE(one, 0u);
+    EXPECT_NE(two, 0u);
+    EXPECT_NE(one, two);
+    EXPECT_EQ(HandleOf("pal-handle-one"), one);
+
+    uint32_t handle = 12345;
+    const std::string tooLong(64, 'x');
+    for (const char *name : {static_cast<const char *>(nullptr), "", tooLong.c_str()}) {
+        EXPECT_NE(PAL_HandleInitialize(name, &handle), 0u);
+    }
+    EXPECT_NE(PAL_HandleInitialize("pal-handle-one", nullptr), 0u);
+    EXPECT_EQ(handle, 12345u);
+}
+
+TEST(PalMemory, CountsBlocksAndBytesPerHandle) {
+    const uint32_t handles[2] = {HandleOf("pal-account-a"), HandleOf("pal-account-b")};
+    const uint32_t sizes[] = {0, 1, 15, 16, 17, 255, 4096, 100000};
+    std::vector<void *> blocks;
+    uint64_t bytes[2] = {0, 0};
+    for (size_t i = 0; i < std::size(sizes); ++i) {
+        void *block = Alloc(handles[i % 2], sizes[i]);
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 16, 0u);
+        std::memset(block, 0x5A, sizes[i]);
+        blocks.push_back(block);
+        bytes[i % 2] += sizes[i];
+    }
+    ExpectOutstanding(handles[0], 4, bytes[0]);
+    ExpectOutstanding(handles[1], 4, bytes[1]);
+    for (void *block : blocks) {
+        EXPECT_EQ(Free(handles[0], block), 0u);  // booked back on the handle it came from
+    }
+    ExpectOutstanding(handles[0], 0, 0);
+    ExpectOutstanding(handles[1], 0, 0);
+}
+
+TEST(PalMemory, FailsTheNthCallOnceAndCountsEveryCall) {
+    const uint32_t handle = HandleOf("pal-fail-nth");
+    const uint64_t calls = QVPLAT_TestAllocCalls();
+    QVPLAT_TestFailAllocation(3);
+    void *blocks[4];
+    for (void *&block : blocks) {
+        block = Alloc(handle, 32);
+    }
+    EXPECT_EQ(blocks[2], nullptr);
+    EXPECT_EQ(Alloc(0, 8), nullptr);  // a handle never given out
+    EXPECT_EQ(QVPLAT_TestAllocCalls(), calls + 5);
+    ExpectOutstanding(handle, 3, 96);
+
+    QVPLAT_TestFailAllocation(1);
+    QVPLAT_TestFailAllocation(0);
+    blocks[2] = Alloc(handle, 32);
+    for (void *block : blocks) {
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(Free(handle, block), 0u);
+    }
+    ExpectOutstanding(handle, 0, 0);
+}
+
+TEST(PalMemory, RefusesBadFreesWithoutChangingCounts) {
+    const uint32_t handle = HandleOf("pal-bad-free");
+    auto *kept = static_cast<unsigned char *>(Alloc(handle, 40));
+    void *released = Alloc(handle, 24);
+    ASSERT_NE(kept, nullptr);
+    ASSERT_EQ(Free(handle, released), 0u);
+
+    alignas(16) unsigned char stack[64] = {};
+    void *fromMalloc = std::malloc(64);
+    for (void *bad : {static_cast<void *>(nullptr), released, static_cast<void *>(stack + 32), fromMalloc,
+                      static_cast<void *>(kept + 16)}) {
+        EXPECT_NE(Free(handle, bad), 0u);
+        ExpectOutstanding(handle, 1, 40);
+    }
+    std::free(fromMalloc);
+
+    // A caller that wrote over the bytes in front of its block is refused rather than trusted.
+    unsigned char saved[16];
+    std::memcpy(saved, kept - 16, 16);
+    std::memset(kept - 16, 0, 16);
+    EXPECT_NE(Free(handle, kept), 0u);
+    std::memcpy(kept - 16, saved, 16);
+    EXPECT_EQ(Free(handle, kept), 0u);
+    ExpectOutstanding(handle, 0, 0);
+}
+
+TEST(PalMemory, ConcurrentThreadsBalanceToZero) {
+    constexpr uint32_t kThreads = 8;
+    constexpr uint32_t kRounds = 2000;
+    const uint32_t shared = HandleOf("pal-concurrent");
+    const uint64_t calls = QVPLAT_TestAllocCalls();
+    std::atomic<int> failures{0};
+    QVPLAT_TestFailAllocation(kThreads * kRounds / 2);  // exactly one call among all threads fails
+
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 random(t + 1);
+            std::vector<void *> held;
+            for (uint32_t round = 0; round < kRounds; ++round) {
+                void *block = Alloc(shared, static_cast<uint32_t>(random() % 512));
+                if (block == nullptr) {
+                    ++failures;
+                } else {
+                    held.push_back(block);
+                }
+                if (held.size() > 16 || (random() % 3 == 0 && !held.empty())) {
+                    const size_t pick = random() % held.size();
+                    EXPECT_EQ(Free(shared, held[pick]), 0u);
+                    held[pick] = held.back();
+                    held.pop_back();
+                }
+            }
+            for (void *block : held) {
+                EXPECT_EQ(Free(shared, block), 0u);
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(failures.load(), 1);
+    EXPECT_EQ(QVPLAT_TestAllocCalls(), calls + kThreads * kRounds);
+    ExpectOutstanding(shared, 0, 0);
+}
+
+}  // namespace
