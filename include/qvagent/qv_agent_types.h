@@ -48,6 +48,24 @@ extern "C" {
 #define QV_AGENT_MSG_KPI 4u
 #define QV_AGENT_MSG_KIND_COUNT 5u
 
+/* System time: UTC calendar fields, milliseconds and the monotonic clock in milliseconds. The first
+ * 12 bytes alone also serve as a wall time (alarm times, log option 38). */
+typedef struct QvAgentSysTime {
+    uint16_t usYear;
+    uint8_t ucMonth;      /* 1..12 */
+    uint8_t ucDay;        /* 1..31 */
+    uint8_t ucHour;
+    uint8_t ucMinute;
+    uint8_t ucSecond;     /* 0..60 */
+    uint8_t ucWeekDay;    /* 0 = Sunday */
+    uint32_t uiMilliSec;  /* 0..999 */
+    uint32_t uiMonoMsHigh;
+    uint32_t uiMonoMsLow;
+} QvAgentSysTime;
+QV_AGENT_STATIC_ASSERT(sizeof(QvAgentSysTime) == 20, "system time is 20 bytes");
+QV_AGENT_STATIC_ASSERT(offsetof(QvAgentSysTime, uiMilliSec) == 8, "system time layout");
+QV_AGENT_STATIC_ASSERT(offsetof(QvAgentSysTime, uiMonoMsLow) == 16, "system time layout");
+
 /* Ordered-tree head kept in agent records and handed to the platform's AVL tree functions: compare
  * function, root, smallest and largest node. The platform maintains the three node pointers;
  * pstFirst is null exactly when the tree is empty. */

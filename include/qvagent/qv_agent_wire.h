@@ -45,6 +45,115 @@ extern "C" {
 #define QV_WIRE_MAX_LIST_DATAGRAM 8096u /* bound of a datagram packed from a send list */
 #define QV_WIRE_SEND_BUFFER_LEN 65535u
 
+/* ---- records: host byte order, carried unchanged inside datagrams and the blackbox ---- */
+#define QV_REC_TYPE_OFF 0u          /* u16: QV_REC_TYPE_* */
+#define QV_REC_LEN_OFF 2u           /* u16: head + options + parameters (+ debug tail) */
+#define QV_REC_TYPE_LOG 1u
+#define QV_REC_TYPE_ALARM 2u
+#define QV_REC_OPT_MARKER 0xAAAAAA00u /* ORed into the option count when the record is sent */
+
+/* Log record head, 48 bytes (also by-identifier and debug records) */
+#define QV_LOG_HEAD_WORD_OFF 4u     /* u32: debug key word, else 0 */
+#define QV_LOG_VRID_OFF 8u          /* u32 */
+#define QV_LOG_ID_OFF 12u           /* u32: message id */
+#define QV_LOG_PARA_NUM_OFF 20u     /* u16 */
+#define QV_LOG_LEVEL_OFF 22u        /* u8: 0xFF unless a debug level */
+#define QV_LOG_KIND_OFF 23u         /* u8: object kind */
+#define QV_LOG_TIME_OFF 24u         /* 20 bytes: the system time, field for field */
+#define QV_LOG_OPT_COUNT_OFF 44u    /* u32 */
+#define QV_LOG_HEAD_LEN 48u
+#define QV_LOG_LEVEL_NONE 0xFFu
+
+/* Alarm record head, 40 bytes */
+#define QV_ALARM_ID_OFF 12u         /* u32 */
+#define QV_ALARM_ATTR_MARKER_OFF 16u /* u8: 0xFF once the common attributes are set */
+#define QV_ALARM_PARA_NUM_OFF 17u   /* u8 */
+#define QV_ALARM_ATTR_BYTE_OFF 18u  /* u8 */
+#define QV_ALARM_CATEGORY_OFF 19u   /* u8: 1, 2 or 4 */
+#define QV_ALARM_ATTR_WORD_OFF 20u  /* u32 */
+#define QV_ALARM_TIME_OFF 24u       /* u16 year, u8 month, day, hour, minute, second, reserved, u32 ms */
+#define QV_ALARM_OPT_COUNT_OFF 36u  /* u32 */
+#define QV_ALARM_HEAD_LEN 40u
+#define QV_ALARM_ATTR_MARKER 0xFFu
+
+/* Offsets inside a 20-byte system time (wall time: the first 12 bytes) */
+#define QV_TIME_YEAR_OFF 0u
+#define QV_TIME_MONTH_OFF 2u
+#define QV_TIME_DAY_OFF 3u
+#define QV_TIME_HOUR_OFF 4u
+#define QV_TIME_MINUTE_OFF 5u
+#define QV_TIME_SECOND_OFF 6u
+#define QV_TIME_WEEKDAY_OFF 7u
+#define QV_TIME_MS_OFF 8u
+#define QV_TIME_MONO_HIGH_OFF 12u
+#define QV_TIME_MONO_LOW_OFF 16u
+#define QV_WALL_TIME_LEN 12u
+#define QV_SYS_TIME_LEN 20u
+
+/* Option and parameter entry: u16 type, u16 value length, value */
+#define QV_ENTRY_TYPE_OFF 0u
+#define QV_ENTRY_LEN_OFF 2u
+#define QV_ENTRY_HEAD_LEN 4u
+
+/* Option types */
+#define QV_OPT_ALARM_8 8u           /* alarm: 4 bytes from the common attributes */
+#define QV_OPT_POSITION 10u         /* log: u32 local id B << 24 | local id A << 16 | CPU << 8 */
+#define QV_OPT_PROCESS_ID 11u       /* log: u32 */
+#define QV_OPT_ALARM_16 16u         /* alarm: 4 bytes from the common attributes */
+#define QV_OPT_LOCAL_ID_A 20u       /* u16 */
+#define QV_OPT_LOCAL_ID_B 21u       /* u16 */
+#define QV_OPT_LOG_TIME 38u         /* log: 12-byte wall time replacing the head's */
+#define QV_OPT_SERVICE_NAME 67u     /* the service name without its terminator */
+#define QV_OPT_SERVICE_ID 79u       /* log: u32 */
+#define QV_OPT_PROCESS_INFO 80u     /* alarm: 32-byte process name and five u32 */
+#define QV_OPT_PROCESS_INFO_LEN 52u
+
+/* Parameter type codes */
+#define QV_PARA_TYPE_TEXT 25u       /* the one type that may be empty; cut when too long */
+
+/* Capacities of records built from event objects */
+#define QV_REC_NOMINAL_CAPACITY 2548u
+#define QV_REC_LARGE_CAPACITY 9716u
+#define QV_LOG_TEXT_PARA_MAX 8192u
+#define QV_ALARM_TEXT_PARA_MAX 1024u
+#define QV_ALARM_PARA_MAX 255u
+#define QV_LOG_PARA_MAX 65535u
+
+/* ---- Parameter type codes of the format analyser ----
+ * Entries of by-identifier and debug records (u16 type, u16 value length, value in the sending host's
+ * order), packed with no alignment. These codes are their own family, apart from the caller-chosen
+ * parameter types of event objects. */
+#define QV_FMT_PARA_NO_VALUE 0u     /* '%f': no argument taken, value length 0 */
+#define QV_FMT_PARA_U64 1u          /* '%lu' */
+#define QV_FMT_PARA_I64 2u          /* '%ld', '%li' */
+#define QV_FMT_PARA_U32 3u          /* '%u'; also the "%_VRID" value, which never becomes an entry */
+#define QV_FMT_PARA_I32 4u          /* '%d', '%i' */
+#define QV_FMT_PARA_CHAR 6u         /* '%c': 1 byte */
+#define QV_FMT_PARA_U16 10u         /* '%hu' */
+#define QV_FMT_PARA_I16 11u         /* '%hd', '%hi' */
+#define QV_FMT_PARA_HEX 15u         /* '%x': 4 bytes */
+#define QV_FMT_PARA_STRING 16u      /* '%s': text and its terminating zero */
+#define QV_FMT_PARA_IPV4 17u        /* "%_ipv4": 4 bytes, a u32 address in host order */
+#define QV_FMT_PARA_IPV6 19u        /* "%_ipv6": 16 bytes as given */
+#define QV_FMT_PARA_DATETIME 25u    /* "%_datetime": 7 bytes, QV_FMT_DATETIME_* */
+#define QV_FMT_PARA_MAC 27u         /* "%_mac": 6 bytes as given */
+#define QV_FMT_PARA_BLOCK 29u       /* '%b': u16 total length (itself included), then bytes */
+#define QV_FMT_PARA_SIZED 30u       /* "%_T" and a size: that many raw bytes */
+
+#define QV_FMT_IPV4_LEN 4u
+#define QV_FMT_IPV6_LEN 16u
+#define QV_FMT_MAC_LEN 6u
+#define QV_FMT_DATETIME_LEN 7u
+#define QV_FMT_BLOCK_LEN_OFF 0u     /* u16 inside a block value */
+
+/* The 7-byte date and time value as services fill it; the agent copies it unchanged */
+#define QV_FMT_DATETIME_YEAR_OFF 0u   /* u16, host order */
+#define QV_FMT_DATETIME_MONTH_OFF 2u  /* 1..12 */
+#define QV_FMT_DATETIME_DAY_OFF 3u
+#define QV_FMT_DATETIME_HOUR_OFF 4u
+#define QV_FMT_DATETIME_MINUTE_OFF 5u
+#define QV_FMT_DATETIME_SECOND_OFF 6u
+
 /* ---- collector ports ---- */
 #define QV_WIRE_PORT_LOG 6010u
 #define QV_WIRE_PORT_ALARM 6011u

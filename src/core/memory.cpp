@@ -5,8 +5,8 @@
 #include <cstdlib>
 
 #include "core/memory_internal.h"
-#include "core/module_hooks.h"
 #include "core/mutex_guard.h"
+#include "qvagent/qv_agent_event.h"
 #include "qvagent/qv_agent_memory.h"
 #include "qvplatform/pal.h"
 
@@ -69,11 +69,18 @@ void *QV_AGENT_MallocWithInit(uint32_t size, const QvAgentServiceDesc * /*desc*/
 
 void QV_AGENT_FreeWithInit(void *ptr, const QvAgentServiceDesc * /*desc*/) { Release(ptr, kLineFreeWithInit); }
 
+// A diagnostic log that tells which allocator the agent uses: one 4-byte parameter, 1 for the
+// platform's. A failed creation makes the later calls fail with QV_AGENT_ERR_PARAM.
 uint32_t QV_AGENT_SendMallocLog(QvAgentModule *module) {
+    constexpr uint32_t kAllocatorReportId = 0x09571075;
+    constexpr uint32_t kParaTypeU32 = 6;
     uint32_t platformAllocator = 0;
     {
         qv::MutexGuard guard(g_farnoInitMutex);
         platformAllocator = g_farnoInited != 0 ? 1 : 0;
     }
-    return qv::hook::SendAllocatorReport(module, platformAllocator);
+    QvAgentObj *report = nullptr;
+    QV_Agent_ObjCreate(QV_AGENT_OBJ_DIAG, kAllocatorReportId, &report, module);
+    QV_Agent_AddPara(report, kParaTypeU32, sizeof platformAllocator, &platformAllocator, module);
+    return QV_Agent_Send(report, module);
 }

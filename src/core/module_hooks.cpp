@@ -2,6 +2,8 @@
 // available" in the terms of its caller, so the module is created with the feature off.
 #include "core/module_hooks.h"
 
+#include "qvagent/qv_agent_event.h"
+
 namespace qv::hook {
 
 namespace {
@@ -27,6 +29,10 @@ uint32_t MeshSendToCollector(QvAgentModule * /*module*/, uint32_t /*kind*/, uint
 
 uint32_t MainBoardIp(QvAgentModule *module) { return module->uiMainBoardIp; }
 
-uint32_t SendAllocatorReport(QvAgentModule * /*module*/, uint32_t /*platformAllocator*/) { return kNotAvailable; }
+uint32_t RestrainDiagnosticLog(const uint8_t *record, uint32_t len, QvAgentModule *module) {
+    return QV_AGENT_AddSendBuf(record, len, QV_AGENT_MSG_LOG, module);
+}
+
+uint32_t WriteBlackbox(const uint8_t * /*record*/, uint32_t /*len*/) { return kNotAvailable; }
 
 }  // namespace qv::hook

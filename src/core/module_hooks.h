@@ -1,6 +1,6 @@
 // The steps of module creation, recovery and the flush notice that belong to subsystems still to be
 // built into the agent: the blackbox, board discovery, the scheduler thread and its timer, socket
-// mode, mesh sending and the event objects. Each hook answers what the agent sees today: the feature
+// mode, mesh sending and the restraint of diagnostic logs. Each hook answers what the agent sees today: the feature
 // is not available. As a subsystem lands, its hook is removed and the call site calls the subsystem.
 #ifndef QV_CORE_MODULE_HOOKS_H
 #define QV_CORE_MODULE_HOOKS_H
@@ -35,8 +35,12 @@ uint32_t MeshSendToCollector(QvAgentModule *module, uint32_t kind, uint32_t coll
 // The main board address that board discovery yields (network order).
 uint32_t MainBoardIp(QvAgentModule *module);
 
-// Queues the allocator report: a diagnostic log with one 4-byte parameter; the send's result.
-uint32_t SendAllocatorReport(QvAgentModule *module, uint32_t platformAllocator);
+// Passes a finished diagnostic log (kind 9) through the restraint of repeated logs; today it is queued
+// on the log list. 0, or the queuing's error.
+uint32_t RestrainDiagnosticLog(const uint8_t *record, uint32_t len, QvAgentModule *module);
+
+// Writes a log record into the blackbox: 0 stored, 0xFFFFFFFA full, 1 any other failure.
+uint32_t WriteBlackbox(const uint8_t *record, uint32_t len);
 
 }  // namespace qv::hook
 

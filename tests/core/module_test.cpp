@@ -6,9 +6,11 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "agent_support.h"
 #include "blackbox/blackbox.h"
+#include "record_decoder.h"
 #include "qvplatform_testctl.h"
 
 namespace {
@@ -43,7 +45,9 @@ TEST_F(ModuleTest, FreshRecordCarriesTheDescriptionAndItsInitialValues) {
     EXPECT_EQ(m->ulCallerData1, 0x1122334455667788ull);
     EXPECT_EQ(m->uiSelfIp, 0x0A000001u) << "without device management the caller's address stays";
     EXPECT_EQ(m->uiListLimit, QV_AGENT_DEFAULT_LIST_LIMIT);
-    for (const QvAgentSendList &list : m->astSendList) {
+    EXPECT_EQ(m->astSendList[QV_AGENT_MSG_LOG].uiCount, 1u) << "the allocator report";
+    for (uint32_t k = QV_AGENT_MSG_ALARM; k < QV_AGENT_MSG_KIND_COUNT; ++k) {
+        const QvAgentSendList &list = m->astSendList[k];
         const auto *head = reinterpret_cast<const QvAgentListItem *>(&list);
         EXPECT_EQ(list.pstNext, head);
         EXPECT_EQ(list.pstPrev, head);
@@ -75,7 +79,38 @@ TEST_F(ModuleTest, WithoutSchedulerThreadTheRecordWaitsForSocketMode) {
     ASSERT_NE(m, nullptr);
     EXPECT_EQ(m->uiTransportState, QV_AGENT_STATE_NO_THREADS);
     EXPECT_EQ(m->pstSchedCtrl, nullptr) << "the control block is released when no thread runs";
-    EXPECT_EQ(qvtest::AgentBlocks(), 1u) << "only the record itself remains";
+    EXPECT_EQ(qvtest::AgentBlocks(), 2u) << "only the record and the queued allocator report remain";
+}
+
+TEST_F(ModuleTest, InitQueuesTheAllocatorReport) {
+    struct Case {
+        uint32_t started;
+        uint32_t expectValue;
+    };
+    for (const Case c : {Case{1, 1}, Case{0, 0}}) {
+        SCOPED_TRACE(c.started);
+        qvtest::ReleaseModule();
+        QVPLAT_TestSetStarted(c.started);
+        QvAgentServiceDesc desc = qvtest::MakeDesc("reporter", 17);
+        QvAgentModule *m = QV_Agent_Init(&desc);
+        QVPLAT_TestSetStarted(1);
+        ASSERT_NE(m, nullptr);
+        const std::vector<qvtest::Bytes> queued = qvtest::ListRecords(m, QV_AGENT_MSG_LOG);
+        ASSERT_EQ(queued.size(), 1u);
+        const qvtest::DecodedRecord r = qvtest::DecodeRecord(queued[0]);
+        ASSERT_TRUE(r.ok) << r.error;
+        EXPECT_EQ(r.recordType, QV_REC_TYPE_LOG);
+        EXPECT_EQ(r.length, 48u + (4 + 8) + 8 + 8 + 8 + 6 + 6 + (4 + 4));
+        EXPECT_EQ(r.kind, QV_AGENT_OBJ_DIAG);
+        EXPECT_EQ(r.msgId, 0x09571075u);
+        EXPECT_EQ(r.level, 0xFFu);
+        EXPECT_EQ(r.optionWord, 0xAAAAAA06u);
+        ASSERT_EQ(r.params.size(), 1u);
+        EXPECT_EQ(r.params[0].type, 6u);
+        EXPECT_EQ(r.params[0].U32(), c.expectValue);
+        EXPECT_EQ(r.options[0].Text(), "reporter");
+        EXPECT_EQ(r.options[1].U32(), 17u);
+    }
 }
 
 TEST_F(ModuleTest, SecondInitReturnsTheSameRecordAndIgnoresItsDescription) {
@@ -83,11 +118,12 @@ TEST_F(ModuleTest, SecondInitReturnsTheSameRecordAndIgnoresItsDescription) {
     QvAgentServiceDesc second = qvtest::MakeDesc("second", 2, 9);
     QvAgentModule *m = QV_Agent_Init(&first);
     ASSERT_NE(m, nullptr);
+    const uint64_t blocks = qvtest::AgentBlocks();
     EXPECT_EQ(QV_Agent_Init(&second), m);
     EXPECT_STREQ(m->szServiceName, "first");
     EXPECT_EQ(m->uiServiceId, 1u);
     EXPECT_EQ(m->uiListLimit, 5u);
-    EXPECT_EQ(qvtest::AgentBlocks(), 1u);
+    EXPECT_EQ(qvtest::AgentBlocks(), blocks) << "nothing is created or reported again";
 }
 
 TEST_F(ModuleTest, InitAfterUnInitRefreshesTheDescriptionOnce) {

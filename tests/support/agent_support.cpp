@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "core/memory_internal.h"
+#include "record_decoder.h"
 
 namespace qvtest {
 
@@ -20,6 +21,7 @@ void ReleaseModule() {
     QvAgentModule *module = QV_Agent_GetHandle();
     if (module == nullptr) return;
     QV_Agent_SetHandle(nullptr);
+    DrainLists(module);
     QV_AGENT_Free(module->pstSchedCtrl, module);
     pthread_mutex_destroy(&module->stListMutex);
     pthread_mutex_destroy(&module->stDiagMutex);

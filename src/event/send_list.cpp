@@ -1,0 +1,101 @@
+// Queuing records on the five send lists of the module: copies, limits, the debug cap of the current
+// send pass and the diversion of log records into the blackbox.
+#include "event/send_list.h"
+
+#include <atomic>
+#include <cstring>
+
+#include "core/module_hooks.h"
+#include "core/mutex_guard.h"
+#include "qvagent/qv_agent_event.h"
+#include "qvagent/qv_agent_memory.h"
+#include "qvagent/qv_agent_wire.h"
+#include "qvplatform/qv_bounded.h"
+
+namespace {
+
+// What the blackbox answers when it has no room: the record goes to the in-memory list instead.
+constexpr uint32_t kBlackboxFull = 0xFFFFFFFAu;
+
+// The record copy follows the item in the same block, aligned as the allocator aligns blocks.
+constexpr uint32_t kItemSize = (sizeof(QvAgentListItem) + 15u) & ~15u;
+
+uint32_t LimitOf(const QvAgentModule *module, int32_t k) {
+    return k == static_cast<int32_t>(QV_AGENT_MSG_KPI) ? QV_AGENT_KPI_LIST_LIMIT : module->uiListLimit;
+}
+
+void LinkAtTail(QvAgentSendList &list, QvAgentListItem *item) {
+    QvAgentListItem *head = qv::sendlist::Head(list);
+    item->pstNext = head;
+    item->pstPrev = list.pstPrev;
+    list.pstPrev->pstNext = item;
+    list.pstPrev = item;
+    ++list.uiCount;
+}
+
+// The debug records packed in the current send pass, read without the list mutex: the transport
+// clears the count without it too, so a record queued right at the cap may still be accepted.
+bool DebugCapReached(QvAgentModule *module) {
+    return std::atomic_ref<uint32_t>(module->uiDebugSendCnt).load(std::memory_order_relaxed) >=
+           QV_AGENT_SEND_PASS_CAP;
+}
+
+}  // namespace
+
+namespace qv::sendlist {
+
+void Unlink(QvAgentSendList &list, QvAgentListItem *item) {
+    item->pstPrev->pstNext = item->pstNext;
+    item->pstNext->pstPrev = item->pstPrev;
+    --list.uiCount;
+}
+
+void Release(QvAgentListItem *item, QvAgentModule *module) { QV_AGENT_Free(item, module); }
+
+uint32_t MaxRecordLen(uint32_t k) {
+    const uint32_t head = k == QV_AGENT_MSG_ALARM ? QV_WIRE_SHORT_HEAD_LEN : QV_WIRE_STREAM_HEAD_LEN;
+    return QV_WIRE_MAX_LIST_DATAGRAM - head;
+}
+
+}  // namespace qv::sendlist
+
+uint32_t QV_AGENT_AddLogToDataList(const uint8_t *data, uint32_t len, int32_t k, QvAgentModule *module) {
+    if ((data == nullptr && len != 0) || module == nullptr || k < 0 ||
+        k >= static_cast<int32_t>(QV_AGENT_MSG_KIND_COUNT)) {
+        return QV_AGENT_ERR_PARAM;
+    }
+    if (len > UINT32_MAX - kItemSize) return QV_AGENT_ERR_NO_MEMORY;
+    auto *block = static_cast<uint8_t *>(QV_AGENT_Malloc(kItemSize + len, module));
+    if (block == nullptr) return QV_AGENT_ERR_NO_MEMORY;
+    auto *item = reinterpret_cast<QvAgentListItem *>(block);
+    item->pucData = block + kItemSize;
+    item->uiLen = len;
+    if (len != 0) {
+        const qv_errno_t rc = memcpy_s(item->pucData, len, data, len);
+        if (rc != QV_EOK) {
+            QV_AGENT_Free(block, module);
+            return static_cast<uint32_t>(rc);
+        }
+    }
+    QvAgentSendList &list = module->astSendList[k];
+    // The count may reach the limit: a list holds up to limit + 1 items.
+    if (list.uiCount > LimitOf(module, k)) {
+        QV_AGENT_Free(block, module);
+        return QV_AGENT_ERR_LIST_FULL;
+    }
+    LinkAtTail(list, item);
+    return QV_AGENT_OK;
+}
+
+uint32_t QV_AGENT_AddSendBuf(const uint8_t *record, uint32_t len, uint32_t k, QvAgentModule *module) {
+    if (record == nullptr || module == nullptr || k >= QV_AGENT_MSG_KPI) return QV_AGENT_ERR_PARAM;
+    if (k == QV_AGENT_MSG_DEBUG && DebugCapReached(module)) return QV_AGENT_ERR_LIST_FULL;
+    qv::MutexGuard guard(module->stListMutex);
+    if (k == QV_AGENT_MSG_LOG && module->bBlackboxEnable != 0) {
+        const uint32_t rc = qv::hook::WriteBlackbox(record, len);
+        if (rc != kBlackboxFull) return rc;
+    }
+    // A record that no datagram could carry would block its list for good: it never enters it.
+    if (len > qv::sendlist::MaxRecordLen(k)) return QV_AGENT_ERR_NO_ROOM;
+    return QV_AGENT_AddLogToDataList(record, len, static_cast<int32_t>(k), module);
+}

@@ -1,0 +1,134 @@
+// Event objects: argument checks and refused kinds, which list each kind reaches, and allocation
+// failure at every block of creation, growth and queuing.
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+
+#include "event_fixture.h"
+
+namespace {
+
+using EventObjectTest = EventTest;
+
+TEST_F(EventObjectTest, CreationAcceptsLogKindsAndAlarmsOnly) {
+    for (uint32_t kind = 0; kind <= 24; ++kind) {
+        SCOPED_TRACE(kind);
+        const bool accepted = kind == 1 || kind == 2 || kind == 5 || kind == 9 || kind == 10 || kind == 16 ||
+                              kind == 18 || kind == 20 || kind == 22;
+        QvAgentObj *obj = reinterpret_cast<QvAgentObj *>(0x1);  // must be cleared on refusal
+        const uint32_t rc = QV_Agent_ObjCreate(kind, 0x100 + kind, &obj, module_);
+        if (accepted) {
+            ASSERT_EQ(rc, QV_AGENT_OK);
+            ASSERT_NE(obj, nullptr);
+            EXPECT_EQ(obj->uiObjType, kind);
+            EXPECT_EQ(QV_Agent_ObjFree(obj, module_), QV_AGENT_OK);
+        } else {
+            EXPECT_EQ(rc, QV_AGENT_ERR_PARAM);
+            EXPECT_EQ(obj, nullptr);
+        }
+        EXPECT_EQ(qvtest::AgentBlocks(), baseBlocks_);
+    }
+    QvAgentObj *obj = reinterpret_cast<QvAgentObj *>(0x1);
+    EXPECT_EQ(QV_Agent_ObjCreate(0xFFFFFFFFu, 1, &obj, module_), QV_AGENT_ERR_PARAM);
+    EXPECT_EQ(obj, nullptr);
+    EXPECT_EQ(QV_Agent_ObjCreate(1, 1, &obj, nullptr), QV_AGENT_ERR_PARAM);
+    EXPECT_EQ(QV_Agent_ObjCreate(1, 1, nullptr, module_), QV_AGENT_ERR_PARAM);
+}
+
+TEST_F(EventObjectTest, NullArgumentsAreRefusedAndReleaseNothing) {
+    QvAgentObj *obj = Create(1, 7);
+    uint32_t value = 3;
+    QvAgentAlarmComAttr attr{};
+    const struct {
+        const char *call;
+        uint32_t rc;
+    } cases[] = {
+        {"AddPara null object", QV_Agent_AddPara(nullptr, 1, 4, &value, module_)},
+        {"AddPara null value", QV_Agent_AddPara(obj, 1, 4, nullptr, module_)},
+        {"AddPara null module", QV_Agent_AddPara(obj, 1, 4, &value, nullptr)},
+        {"AddPara empty non-text", QV_Agent_AddPara(obj, 1, 0, &value, module_)},
+        {"AddOption null object", QV_Agent_AddOption(nullptr, 1, 4, &value, module_)},
+        {"AddOption null value", QV_Agent_AddOption(obj, 1, 4, nullptr, module_)},
+        {"AddOption null module", QV_Agent_AddOption(obj, 1, 4, &value, nullptr)},
+        {"SetAlarmComAttr null attributes", QV_Agent_SetAlarmComAttr(obj, nullptr, module_)},
+        {"SetAlarmComAttr null time", QV_Agent_SetAlarmComAttr(obj, &attr, module_)},
+        {"Send null object", QV_Agent_Send(nullptr, module_)},
+        {"Send null module", QV_Agent_Send(obj, nullptr)},
+        {"ObjFree null object", QV_Agent_ObjFree(nullptr, module_)},
+        {"ObjFree null module", QV_Agent_ObjFree(obj, nullptr)},
+    };
+    for (const auto &c : cases) EXPECT_EQ(c.rc, QV_AGENT_ERR_PARAM) << c.call;
+    EXPECT_EQ(qvtest::DecodeRecord(qvtest::Bytes(obj->pucRecord, obj->pucRecord + QV_LOG_HEAD_LEN)).paraCount, 0u);
+    EXPECT_EQ(QV_Agent_Send(obj, module_), QV_AGENT_OK) << "the object is still whole";
+}
+
+TEST_F(EventObjectTest, EachKindReachesItsList) {
+    const struct {
+        uint32_t kind;
+        uint32_t list;
+    } cases[] = {{1, QV_AGENT_MSG_LOG},  {2, QV_AGENT_MSG_LOG},  {9, QV_AGENT_MSG_LOG},
+                 {10, QV_AGENT_MSG_LOG}, {16, QV_AGENT_MSG_LOG}, {18, QV_AGENT_MSG_LOG},
+                 {22, QV_AGENT_MSG_LOG}, {20, QV_AGENT_MSG_HIGH_PRECISION}, {5, QV_AGENT_MSG_ALARM}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.kind);
+        qvtest::DrainLists(module_);
+        ASSERT_EQ(QV_Agent_Send(Create(c.kind, 0xABC0 + c.kind), module_), QV_AGENT_OK);
+        for (uint32_t k = 0; k < QV_AGENT_MSG_KIND_COUNT; ++k) {
+            EXPECT_EQ(module_->astSendList[k].uiCount, k == c.list ? 1u : 0u) << "list " << k;
+        }
+        const auto queued = Queued(c.list);
+        ASSERT_EQ(queued.size(), 1u);
+        EXPECT_EQ(queued[0].msgId, 0xABC0 + c.kind);
+    }
+}
+
+// Counts the allocations of a scenario, then fails each in turn: the scenario's code comes back and
+// no block is left over.
+TEST_F(EventObjectTest, EveryFailedAllocationGivesNoMemoryAndLeavesNothing) {
+    static char text[3000];
+    std::memset(text, 't', sizeof text);
+    const struct {
+        const char *name;
+        uint32_t (*run)(QvAgentModule *);
+    } scenarios[] = {
+        {"create, grow and send a log", [](QvAgentModule *m) {
+             QvAgentObj *obj = nullptr;
+             uint32_t rc = QV_Agent_ObjCreate(1, 1, &obj, m);
+             if (rc != QV_AGENT_OK) return rc;
+             uint32_t small = 5;
+             rc = QV_Agent_AddPara(obj, 6, sizeof small, &small, m);
+             if (rc == QV_AGENT_OK) rc = QV_Agent_AddPara(obj, 25, sizeof text, text, m);  // grows both buffers
+             if (rc != QV_AGENT_OK) {
+                 QV_Agent_ObjFree(obj, m);
+                 return rc;
+             }
+             QV_Agent_ObjFree(obj, m);  // too large to send; growth is what is under test
+             rc = QV_Agent_ObjCreate(2, 2, &obj, m);
+             if (rc != QV_AGENT_OK) return rc;
+             return QV_Agent_Send(obj, m);
+         }},
+        {"create and send an alarm", [](QvAgentModule *m) {
+             QvAgentObj *obj = nullptr;
+             const uint32_t rc = QV_Agent_ObjCreate(5, 1, &obj, m);
+             return rc != QV_AGENT_OK ? rc : QV_Agent_Send(obj, m);
+         }},
+    };
+    for (const auto &s : scenarios) {
+        SCOPED_TRACE(s.name);
+        const uint64_t before = QVPLAT_TestAllocCalls();
+        ASSERT_EQ(s.run(module_), QV_AGENT_OK);
+        const uint64_t calls = QVPLAT_TestAllocCalls() - before;
+        qvtest::DrainLists(module_);
+        for (uint64_t n = 1; n <= calls; ++n) {
+            SCOPED_TRACE("failing allocation " + std::to_string(n));
+            QVPLAT_TestFailAllocation(n);
+            EXPECT_EQ(s.run(module_), QV_AGENT_ERR_NO_MEMORY);
+            QVPLAT_TestFailAllocation(0);
+            qvtest::DrainLists(module_);
+            EXPECT_EQ(qvtest::AgentBlocks(), baseBlocks_);
+        }
+    }
+}
+
+}  // namespace
