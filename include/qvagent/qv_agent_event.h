@@ -104,6 +104,31 @@ uint32_t QV_AGENT_AddLogToDataList(const uint8_t *data, uint32_t len, int32_t k,
 
 /* ---- restraint of diagnostic logs ---- */
 
+#define QV_AGENT_RESTRAINT_SUMMARY_ID 0x0957106Cu /* kind-9 summary "%u%u%u": id, dropped, ticks */
+
+/* Restraint statistics of one message id; the key of the module's restraint tree. */
+typedef struct QvAgentDiagStatis {
+    uint32_t uiMsgId;         /* the key */
+    uint32_t uiHotLevel;      /* 0..9: raised by each hot tick, lowered by each cool tick */
+    uint32_t uiRestrainTicks; /* ticks spent restrained */
+    uint32_t uiSendCnt;       /* records queued since the last tick */
+    uint32_t bRestrained;     /* 1 while records of this id are dropped */
+    uint32_t uiSuppressCnt;   /* records dropped during the restraint */
+} QvAgentDiagStatis;
+
+/* Passes a finished kind-9 record through the restraint: queued on the log list unless its id is
+ * restrained (then dropped and counted). 0, 1 without memory for new statistics, or the queuing's
+ * error. */
+uint32_t QV_AGENT_DiagNodeAddOrSend(const uint8_t *record, QvAgentModule *module);
+/* The statistics of msgId, or null. The caller holds stDiagMutex. */
+QvAgentDiagStatis *QV_AGENT_DiagNodeFind(uint32_t msgId, QvAgentTree *tree);
+/* Adds statistics for msgId (or finds those present); null without memory. The caller holds stDiagMutex. */
+QvAgentDiagStatis *QV_AGENT_DiagNodeAdd(uint32_t msgId, QvAgentTree *tree, QvAgentModule *module);
+/* Forgets every entry. For the service, when no other thread uses the agent. */
+uint32_t QV_AGENT_DiagNodeDelete(QvAgentModule *module);
+/* One timer tick of the restraint: ages every entry, ends restraints with their summary log. */
+uint32_t QV_AGENT_Check_DiagRestrainTree(QvAgentModule *module);
+
 /* Orders restraint statistics by message id (the first u32 of each key), unsigned:
  * 1 when key1 is greater, -1 when smaller, 0 when equal; QV_AGENT_ERR_PARAM for a null key. */
 int32_t QV_AGENT_DiagStatisTreeCompare(const void *key1, const void *key2);

@@ -47,6 +47,7 @@ extern "C" {
 #define QV_AGENT_MSG_HIGH_PRECISION 3u
 #define QV_AGENT_MSG_KPI 4u
 #define QV_AGENT_MSG_KIND_COUNT 5u
+#define QV_AGENT_MSG_NONE 5u              /* a datagram that belongs to no kind */
 
 /* System time: UTC calendar fields, milliseconds and the monotonic clock in milliseconds. The first
  * 12 bytes alone also serve as a wall time (alarm times, log option 38). */

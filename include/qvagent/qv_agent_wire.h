@@ -161,6 +161,36 @@ extern "C" {
 #define QV_WIRE_PORT_KPI 6013u
 #define QV_WIRE_PORT_DEBUG 6014u
 
+/* ---- what the collector and the dumper read besides the above ---- */
+#define QV_WIRE_PORT_COUNT 5u           /* the collector's ports, 6010 to 6014 */
+#define QV_WIRE_ACK_LEN 8u              /* acknowledgement from every port but the log port */
+#define QV_WIRE_ACK_LEN_LOG_PORT 12u    /* from the log port: the stream type follows the head */
+#define QV_WIRE_ACK_STREAM_TYPE_OFF 8u  /* u16 little-endian: stream type of the datagram acknowledged */
+#define QV_WIRE_SEQ_NO_MAX 0xFFFFFFFFu  /* after it the sequence number goes back to 1, never 0 */
+#define QV_WIRE_KPI_COMMON_HEAD_LEN 4u  /* bytes a KPI packet shares with the datagram head */
+
+#define QV_REC_HEAD_MIN_LEN 4u          /* record type and record length */
+#define QV_REC_OPT_MARKER_MASK 0xFFFFFF00u
+#define QV_REC_OPT_COUNT_MASK 0x000000FFu
+
+#define QV_LOG_RESERVED_OFF 16u         /* u32, 0 */
+#define QV_ALARM_RESERVED0_OFF 4u       /* u32, 0 */
+#define QV_ALARM_RESERVED1_OFF 8u       /* u32, 0 */
+#define QV_ALARM_TIME_RESERVED_OFF 7u   /* inside the alarm time, where a log time has its weekday */
+
+/* By-identifier and debug records: one option (the service name), then the parameter entries of the
+ * format analyser; a debug record (object kind QV_REC_KIND_DEBUG) then carries the second key word
+ * and its text with the terminating zero. */
+#define QV_REC_FORMATTED_OPT_WORD 0xAAAAAA01u
+#define QV_REC_KIND_DEBUG 8u
+#define QV_DEBUG_KEY_WORD1_LEN 4u
+
+#define QV_OPT_POSITION_LOCAL_ID_B_SHIFT 24u
+#define QV_OPT_POSITION_LOCAL_ID_A_SHIFT 16u
+#define QV_OPT_POSITION_CPU_SHIFT 8u
+#define QV_OPT_PROCESS_NAME_LEN 32u     /* first part of option 80, then QV_OPT_PROCESS_INFO_WORDS u32 */
+#define QV_OPT_PROCESS_INFO_WORDS 5u
+
 #ifdef __cplusplus
 }
 #endif

@@ -2,7 +2,6 @@
 // available" in the terms of its caller, so the module is created with the feature off.
 #include "core/module_hooks.h"
 
-#include "qvagent/qv_agent_event.h"
 
 namespace qv::hook {
 
@@ -18,9 +17,11 @@ uint32_t CreateSchedulerThread(QvAgentSchedCtrl * /*ctrl*/) { return kNotAvailab
 
 uint64_t CreateSendTimer(QvAgentModule * /*module*/) { return 0; }
 
-uint32_t CreateSocket(QvAgentModule * /*module*/) { return kNotAvailable; }
+void SendKpi(QvAgentModule * /*module*/) {}
 
-uint32_t CreateSocketThreads(QvAgentModule * /*module*/) { return QV_AGENT_ERR_THREAD; }
+void SimulateKpi(uint32_t /*pass*/, QvAgentModule * /*module*/) {}
+
+void ReportTestLogWhenMarked(QvAgentModule * /*module*/) {}
 
 uint32_t MeshSendToCollector(QvAgentModule * /*module*/, uint32_t /*kind*/, uint32_t /*collectorIp*/,
                              const uint8_t * /*data*/, uint32_t /*len*/) {
@@ -29,9 +30,11 @@ uint32_t MeshSendToCollector(QvAgentModule * /*module*/, uint32_t /*kind*/, uint
 
 uint32_t MainBoardIp(QvAgentModule *module) { return module->uiMainBoardIp; }
 
-uint32_t RestrainDiagnosticLog(const uint8_t *record, uint32_t len, QvAgentModule *module) {
-    return QV_AGENT_AddSendBuf(record, len, QV_AGENT_MSG_LOG, module);
-}
+uint32_t ReadBlackbox(uint8_t * /*dst*/, uint32_t /*room*/, QvAgentModule * /*module*/) { return 0; }
+
+bool BlackboxIsEmpty() { return true; }
+
+void CommitBlackbox(QvAgentSendList & /*logList*/, QvAgentModule * /*module*/) {}
 
 uint32_t WriteBlackbox(const uint8_t * /*record*/, uint32_t /*len*/) { return kNotAvailable; }
 

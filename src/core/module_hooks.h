@@ -1,7 +1,7 @@
-// The steps of module creation, recovery and the flush notice that belong to subsystems still to be
-// built into the agent: the blackbox, board discovery, the scheduler thread and its timer, socket
-// mode, mesh sending and the restraint of diagnostic logs. Each hook answers what the agent sees today: the feature
-// is not available. As a subsystem lands, its hook is removed and the call site calls the subsystem.
+// The calls into subsystems still to be built into the agent: the blackbox, board discovery, the
+// scheduler thread and its timer, mesh sending, KPI reporting and test reports. Each hook answers what
+// the agent sees today: the feature is not available. As a subsystem lands, its hook is removed and
+// the call site calls the subsystem.
 #ifndef QV_CORE_MODULE_HOOKS_H
 #define QV_CORE_MODULE_HOOKS_H
 
@@ -23,9 +23,11 @@ uint32_t CreateSchedulerThread(QvAgentSchedCtrl *ctrl);
 // Starts the 1000 ms timer of the module on the scheduler thread; the timer, or 0.
 uint64_t CreateSendTimer(QvAgentModule *module);
 
-// Socket mode: creates the UDP socket (0 on success), and the send and receive threads (0 on success).
-uint32_t CreateSocket(QvAgentModule *module);
-uint32_t CreateSocketThreads(QvAgentModule *module);
+// The parts of a socket-mode send pass that belong to KPI reporting and test reports: one KPI send,
+// the KPI simulation, and the test report while its marker file exists.
+void SendKpi(QvAgentModule *module);
+void SimulateKpi(uint32_t pass, QvAgentModule *module);
+void ReportTestLogWhenMarked(QvAgentModule *module);
 
 // Sends a datagram on the mesh socket of message kind `kind` to the log port of the collector at
 // `collectorIp` (network order); 0 or the send's error.
@@ -35,9 +37,15 @@ uint32_t MeshSendToCollector(QvAgentModule *module, uint32_t kind, uint32_t coll
 // The main board address that board discovery yields (network order).
 uint32_t MainBoardIp(QvAgentModule *module);
 
-// Passes a finished diagnostic log (kind 9) through the restraint of repeated logs; today it is queued
-// on the log list. 0, or the queuing's error.
-uint32_t RestrainDiagnosticLog(const uint8_t *record, uint32_t len, QvAgentModule *module);
+// Reads whole records from the blackbox into dst (room bytes); the bytes read, 0 when none.
+uint32_t ReadBlackbox(uint8_t *dst, uint32_t room, QvAgentModule *module);
+
+// True when the blackbox holds no record to send, or is not in use.
+bool BlackboxIsEmpty();
+
+// After an acknowledgement of the log kind: commits what was read from the blackbox and moves the
+// records queued on list 0 into it.
+void CommitBlackbox(QvAgentSendList &logList, QvAgentModule *module);
 
 // Writes a log record into the blackbox: 0 stored, 0xFFFFFFFA full, 1 any other failure.
 uint32_t WriteBlackbox(const uint8_t *record, uint32_t len);

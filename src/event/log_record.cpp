@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "core/bytes.h"
-#include "core/module_hooks.h"
 #include "core/process_id.h"
 #include "event/record_entry.h"
 #include "qvagent/qv_agent_event.h"
@@ -168,6 +167,6 @@ uint32_t QV_AGENT_SendLogMsg(QvAgentObj *obj, QvAgentModule *module) {
     uint8_t *record = obj->pucRecord;
     qv::record::MarkSent(record, QV_LOG_OPT_COUNT_OFF);
     const uint32_t len = qv::record::Length(record);
-    if (obj->uiObjType == QV_AGENT_OBJ_DIAG) return qv::hook::RestrainDiagnosticLog(record, len, module);
+    if (obj->uiObjType == QV_AGENT_OBJ_DIAG) return QV_AGENT_DiagNodeAddOrSend(record, module);
     return QV_AGENT_AddSendBuf(record, len, ListOfKind(obj->uiObjType), module);
 }

@@ -52,9 +52,8 @@ bool ReadMonotonic(QvAgentSysTime *time) {
 
 uint32_t QV_AGENT_GMT_SystimeGet(QvAgentSysTime *time) {
     if (time == nullptr) return QV_AGENT_ERR_PARAM;
-    const bool wall = ReadWallTime(time);
-    const bool mono = ReadMonotonic(time);
-    return wall && mono ? QV_AGENT_OK : QV_AGENT_ERR_FAILED;
+    // An unreadable wall clock leaves the whole time as it was.
+    return ReadWallTime(time) && ReadMonotonic(time) ? QV_AGENT_OK : QV_AGENT_ERR_FAILED;
 }
 
 void QV_AGENT_SetLogtime(uint8_t *record, const QvAgentSysTime *time) {

@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "event_fixture.h"
+#include "module_fixture.h"
 #include "test_support.h"
 
 namespace {
 
-using AlarmRecordTest = EventTest;
+using AlarmRecordTest = AgentTest;
 
 QvAgentSysTime AlarmTime() {
     QvAgentSysTime t{};

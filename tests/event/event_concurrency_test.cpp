@@ -5,14 +5,14 @@
 #include <thread>
 #include <vector>
 
-#include "event_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
 constexpr uint32_t kThreads = 8;
 constexpr uint32_t kPerThread = 10000;
 
-using EventConcurrency = EventTest;
+using EventConcurrency = AgentTest;
 
 // Each thread sends kPerThread logs with message id = thread and one parameter = sequence number.
 std::vector<uint32_t> SendFromThreads(QvAgentModule *module) {
@@ -63,6 +63,59 @@ TEST_F(EventConcurrency, WithASmallLimitAcceptedPlusRefusedIsSent) {
     EXPECT_EQ(sum, 1000u) << "the limit admits limit + 1 records";
     EXPECT_EQ(module_->astSendList[QV_AGENT_MSG_LOG].uiCount, sum);
     EXPECT_EQ(qvtest::AgentBlocks(), baseBlocks_ + sum) << "refused records leave nothing behind";
+}
+
+}  // namespace
+
+namespace {
+
+// Service threads report diagnostic logs while the timer thread ages the restraint: every report is
+// either queued or counted as dropped in a summary, never both and never lost.
+TEST_F(EventConcurrency, RestrainedAndQueuedAddUpToReported) {
+    constexpr uint32_t kIds = 4;
+    constexpr uint32_t kReports = 4000;  // per thread
+    constexpr int kTicksWhileSending = 200;
+    module_->uiListLimit = 1u << 20;
+    std::atomic<bool> sending{true};
+    std::thread timer([&] {
+        for (int i = 0; i < kTicksWhileSending || sending.load(); ++i) {
+            QV_AGENT_Check_DiagRestrainTree(module_);
+            std::this_thread::yield();
+        }
+    });
+    std::vector<std::thread> threads;
+    std::atomic<uint32_t> failed{0};
+    for (uint32_t t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (uint32_t i = 0; i < kReports; ++i) {
+                QvAgentObj *obj = nullptr;
+                const uint32_t id = 0x7000 + (i + t) % kIds;
+                if (QV_Agent_ObjCreate(QV_AGENT_OBJ_DIAG, id, &obj, module_) != QV_AGENT_OK ||
+                    QV_Agent_Send(obj, module_) != QV_AGENT_OK) {
+                    failed.fetch_add(1);
+                }
+            }
+        });
+    }
+    for (std::thread &th : threads) th.join();
+    sending = false;
+    timer.join();
+    for (int i = 0; i < 310; ++i) QV_AGENT_Check_DiagRestrainTree(module_);  // end every restraint
+
+    uint64_t queued = 0;
+    uint64_t dropped = 0;
+    for (const qvtest::Bytes &bytes : qvtest::ListRecords(module_, QV_AGENT_MSG_LOG)) {
+        const qvtest::DecodedRecord r = qvtest::DecodeRecord(bytes);
+        ASSERT_TRUE(r.ok) << r.error;
+        if (r.msgId == QV_AGENT_RESTRAINT_SUMMARY_ID) {
+            ASSERT_EQ(r.params.size(), 3u);
+            dropped += r.params[1].U32();
+        } else if (r.msgId >= 0x7000 && r.msgId < 0x7000 + kIds) {
+            ++queued;
+        }
+    }
+    EXPECT_EQ(failed.load(), 0u);
+    EXPECT_EQ(queued + dropped, uint64_t{kThreads} * kReports);
 }
 
 }  // namespace

@@ -5,11 +5,11 @@
 #include <cstring>
 #include <string>
 
-#include "event_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using EventObjectTest = EventTest;
+using EventObjectTest = AgentTest;
 
 TEST_F(EventObjectTest, CreationAcceptsLogKindsAndAlarmsOnly) {
     for (uint32_t kind = 0; kind <= 24; ++kind) {

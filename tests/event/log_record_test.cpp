@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "event_fixture.h"
+#include "module_fixture.h"
 #include "qvplatform/qv_bounded.h"
 
 namespace {
 
-using LogRecordTest = EventTest;
+using LogRecordTest = AgentTest;
 
 uint16_t RecordLength(const QvAgentObj *obj) {
     uint16_t len = 0;

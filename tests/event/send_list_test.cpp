@@ -4,11 +4,11 @@
 #include <vector>
 
 #include "event/send_list.h"
-#include "event_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using SendListTest = EventTest;
+using SendListTest = AgentTest;
 
 TEST_F(SendListTest, ListHoldsItsLimitPlusOne) {
     const struct {

@@ -5,7 +5,10 @@
 #include <cstring>
 
 #include "core/memory_internal.h"
+#include "qvplatform/pal.h"
 #include "record_decoder.h"
+#include "transport/send_window.h"
+#include "transport/socket_mode.h"
 
 namespace qvtest {
 
@@ -21,7 +24,11 @@ void ReleaseModule() {
     QvAgentModule *module = QV_Agent_GetHandle();
     if (module == nullptr) return;
     QV_Agent_SetHandle(nullptr);
+    if (module->ulSendThread != 0 || module->ulRecvThread != 0) QV_AGENT_DeleteThread(module);
+    if (module->iSockFd > 0) QV_AGENT_CloseSocket(module);
+    for (QvAgentSendList &list : module->astSendList) QV_AGENT_FreeResendMsg(&list, module);
     DrainLists(module);
+    QV_AGENT_DiagNodeDelete(module);
     QV_AGENT_Free(module->pstSchedCtrl, module);
     pthread_mutex_destroy(&module->stListMutex);
     pthread_mutex_destroy(&module->stDiagMutex);
@@ -30,6 +37,15 @@ void ReleaseModule() {
 }
 
 uint64_t AgentBlocks() { return qv::BlocksOutstanding(); }
+
+uint32_t RestraintEntries(QvAgentModule *module) {
+    uint32_t n = 0;
+    for (auto *node = static_cast<PAL_AVL_NODE_S *>(module->stDiagTree.pstFirst); node != nullptr;
+         node = PAL_AVL_Next(node)) {
+        ++n;
+    }
+    return n;
+}
 
 ServiceTypeEnv::ServiceTypeEnv(const char *value) {
     const char *old = std::getenv("PX_SERVICE_TYPE");

@@ -19,6 +19,9 @@ void ReleaseModule();
 // Blocks of the agent outstanding, over both allocators.
 uint64_t AgentBlocks();
 
+// Entries of the module's restraint tree.
+uint32_t RestraintEntries(QvAgentModule *module);
+
 // Sets or clears the service type in the environment for the scope of the object.
 class ServiceTypeEnv {
 public:

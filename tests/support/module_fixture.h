@@ -1,6 +1,6 @@
-// A fresh module with empty send lists for the tests of event objects and records.
-#ifndef QV_TEST_EVENT_FIXTURE_H
-#define QV_TEST_EVENT_FIXTURE_H
+// A fresh module record with empty send lists, released after each test with nothing left allocated.
+#ifndef QV_TEST_MODULE_FIXTURE_H
+#define QV_TEST_MODULE_FIXTURE_H
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include "qvplatform_testctl.h"
 #include "record_decoder.h"
 
-class EventTest : public testing::Test {
+class AgentTest : public testing::Test {
 protected:
     void SetUp() override {
         qvtest::ReleaseModule();
