@@ -13,7 +13,7 @@
 #include "qvagent/qv_agent_memory.h"
 #include "qvagent/qv_agent_wire.h"
 #include "qvplatform/qv_bounded.h"
-#include "transport/wire_head.h"
+#include "transport/wire_msg.h"
 
 namespace {
 

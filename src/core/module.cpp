@@ -12,6 +12,7 @@
 #include "qvagent/qv_agent_memory.h"
 #include "qvplatform/pal.h"
 #include "qvplatform/qv_bounded.h"
+#include "transport/socket_mode.h"
 
 uintptr_t g_QvHandle = 0;
 pthread_mutex_t g_handleMutex;
@@ -238,11 +239,11 @@ uint32_t QV_AGENT_CreateModuleRecovery(QvAgentModule *module) {
     qv::MutexGuard guard(g_handleMutex);
     if (module->uiTransportState == QV_AGENT_STATE_READY) return QV_AGENT_OK;
     const bool needSocket = module->uiTransportState == QV_AGENT_STATE_NO_SOCKET || !HasDatagramSocket(module);
-    if (needSocket && qv::hook::CreateSocket(module) != QV_AGENT_OK) {
+    if (needSocket && QV_AGENT_CreateSocket(module) != QV_AGENT_OK) {
         module->uiTransportState = QV_AGENT_STATE_NO_SOCKET;
         return QV_AGENT_ERR_RECOVERY;
     }
-    if (qv::hook::CreateSocketThreads(module) != QV_AGENT_OK) {
+    if (QV_AGENT_CreateThread(module) != QV_AGENT_OK) {
         module->uiTransportState = QV_AGENT_STATE_NO_THREADS;
         return QV_AGENT_ERR_RECOVERY;
     }

@@ -11,6 +11,7 @@
 #include "qvagent/qv_agent_memory.h"
 #include "qvagent/qv_agent_wire.h"
 #include "qvplatform/qv_bounded.h"
+#include "transport/wire_msg.h"
 
 namespace {
 
@@ -52,10 +53,7 @@ void Unlink(QvAgentSendList &list, QvAgentListItem *item) {
 
 void Release(QvAgentListItem *item, QvAgentModule *module) { QV_AGENT_Free(item, module); }
 
-uint32_t MaxRecordLen(uint32_t k) {
-    const uint32_t head = k == QV_AGENT_MSG_ALARM ? QV_WIRE_SHORT_HEAD_LEN : QV_WIRE_STREAM_HEAD_LEN;
-    return QV_WIRE_MAX_LIST_DATAGRAM - head;
-}
+uint32_t MaxRecordLen(uint32_t k) { return QV_WIRE_MAX_LIST_DATAGRAM - qv::wire::HeadLen(k); }
 
 }  // namespace qv::sendlist
 

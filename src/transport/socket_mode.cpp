@@ -1,0 +1,227 @@
+// Socket mode: one UDP socket and two threads of the agent's own. The send thread runs a send pass a
+// second; the receive thread takes acknowledgements and sends the next datagram of their kind at once.
+// The threads can be cancelled only while they wait (recvfrom, usleep, sleep), never while they hold a
+// lock or a block.
+#include "transport/socket_mode.h"
+
+#include <arpa/inet.h>
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <type_traits>
+
+#include "core/module_hooks.h"
+#include "qvagent/qv_agent_memory.h"
+#include "qvagent/qv_agent_wire.h"
+#include "transport/send_window.h"
+
+namespace {
+
+static_assert(std::is_integral_v<pthread_t> && sizeof(pthread_t) <= sizeof(uint64_t),
+              "thread identifiers are kept in u64 fields");
+
+constexpr size_t kThreadStack = 0x20000;
+constexpr uint32_t kBufferSize = QV_WIRE_SEND_BUFFER_LEN;
+constexpr useconds_t kAfterReceive = 10000;   // 10 ms
+constexpr unsigned kPassInterval = 1;         // seconds
+constexpr char kRecvThreadName[] = "QV_AGENT_RCV";
+constexpr char kSendThreadName[] = "QV_AGENT_SEND";
+constexpr uint32_t kLoopbackIp = INADDR_LOOPBACK;  // host order
+constexpr uint32_t kNoSocket = 0xFFFFFFFFu;
+// The order of the kinds in a send pass.
+constexpr uint32_t kPassOrder[] = {QV_AGENT_MSG_LOG, QV_AGENT_MSG_DEBUG, QV_AGENT_MSG_ALARM, QV_AGENT_MSG_HIGH_PRECISION};
+
+uint16_t PortOfKind(uint32_t k) {
+    switch (k) {
+        case QV_AGENT_MSG_LOG:
+        case QV_AGENT_MSG_DEBUG: return QV_WIRE_PORT_LOG;  // told apart by the stream type
+        case QV_AGENT_MSG_ALARM: return QV_WIRE_PORT_ALARM;
+        case QV_AGENT_MSG_HIGH_PRECISION: return QV_WIRE_PORT_HIGH_PRECISION;
+        default: return 0;
+    }
+}
+
+pthread_t ThreadOf(uint64_t id) { return static_cast<pthread_t>(id); }
+
+// Lets the thread be cancelled only inside the waiting call that `wait` makes.
+template <typename Wait>
+auto Cancellable(Wait wait) {
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    auto result = wait();
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    return result;
+}
+
+void ReleaseBuffer(void *buffer) { QV_AGENT_Free(buffer, nullptr); }
+
+// Thread attributes with the agent's stack size, or default ones when the size cannot be set.
+class ThreadAttr {
+public:
+    ThreadAttr() : ok_(pthread_attr_init(&attr_) == 0) {
+        if (ok_ && pthread_attr_setstacksize(&attr_, kThreadStack) != 0) {
+            pthread_attr_destroy(&attr_);
+            ok_ = pthread_attr_init(&attr_) == 0;
+        }
+    }
+    ~ThreadAttr() {
+        if (ok_) pthread_attr_destroy(&attr_);
+    }
+    ThreadAttr(const ThreadAttr &) = delete;
+    ThreadAttr &operator=(const ThreadAttr &) = delete;
+    bool ok() const { return ok_; }
+    const pthread_attr_t *get() const { return &attr_; }
+
+private:
+    pthread_attr_t attr_;
+    bool ok_;
+};
+
+bool Start(const ThreadAttr &attr, void *(*body)(void *), QvAgentModule *module, uint64_t &id) {
+    pthread_t thread;
+    if (pthread_create(&thread, attr.get(), body, module) != 0) return false;
+    id = static_cast<uint64_t>(thread);
+    return true;
+}
+
+bool IsGone(uint64_t id) { return pthread_kill(ThreadOf(id), 0) == ESRCH; }
+
+uint32_t StopThread(uint64_t id) {
+    if (id == 0) return 0;
+    pthread_cancel(ThreadOf(id));
+    return static_cast<uint32_t>(pthread_join(ThreadOf(id), nullptr));
+}
+
+}  // namespace
+
+uint32_t QV_AGENT_CreateSocket(QvAgentModule *module) {
+    if (module == nullptr) return QV_AGENT_ERR_PARAM;
+    module->iSockFd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (module->iSockFd < 0) {
+        module->iSockFd = -1;
+        return kNoSocket;
+    }
+    const int reuse = 1;
+    ::setsockopt(module->iSockFd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_port = htons(module->usLocalPort);
+    local.sin_addr.s_addr = module->uiSelfIp;
+    const int rc = ::bind(module->iSockFd, reinterpret_cast<const sockaddr *>(&local), sizeof local);
+    if (rc != 0) {
+        QV_AGENT_CloseSocket(module);
+        return static_cast<uint32_t>(rc);
+    }
+    return QV_AGENT_OK;
+}
+
+uint32_t QV_AGENT_CloseSocket(QvAgentModule *module) {
+    if (module == nullptr) return QV_AGENT_ERR_PARAM;
+    if (module->iSockFd != -1) {
+        ::shutdown(module->iSockFd, SHUT_RDWR);
+        ::close(module->iSockFd);
+    }
+    module->iSockFd = -1;
+    return QV_AGENT_OK;
+}
+
+uint32_t QV_AGENT_GetIpAddr(QvAgentModule *module) {
+    if (module == nullptr || module->uiMainBoardIp == 0) return htonl(kLoopbackIp);
+    return module->uiMainBoardIp;
+}
+
+uint32_t QV_AGENT_GetMainAddr(struct sockaddr_in *addr, uint32_t k, QvAgentModule *module) {
+    if (addr == nullptr) return QV_AGENT_ERR_PARAM;
+    std::memset(addr, 0, sizeof *addr);
+    addr->sin_family = AF_INET;
+    addr->sin_port = htons(PortOfKind(k));
+    addr->sin_addr.s_addr = QV_AGENT_GetIpAddr(module);
+    return QV_AGENT_OK;
+}
+
+uint32_t QV_AGENT_SendMsg(uint32_t k, QvAgentModule *module) {
+    if (module == nullptr) return QV_AGENT_ERR_PARAM;
+    auto *buffer = static_cast<uint8_t *>(QV_AGENT_Malloc(kBufferSize, module));
+    if (buffer == nullptr) return QV_AGENT_ERR_NO_MEMORY;
+    sockaddr_in collector{};
+    QV_AGENT_GetMainAddr(&collector, k, module);
+    const int32_t len = QV_AGENT_GetSendMsg(k, buffer, kBufferSize, module);
+    if (len >= 1) {
+        // A datagram that cannot be sent stays kept and is offered again at its next resend point.
+        ::sendto(module->iSockFd, buffer, static_cast<size_t>(len), MSG_DONTWAIT,
+                 reinterpret_cast<const sockaddr *>(&collector), sizeof collector);
+    }
+    QV_AGENT_Free(buffer, module);
+    return QV_AGENT_OK;
+}
+
+void *QV_AGENT_RecvThreadProc(void *arg) {
+    auto *module = static_cast<QvAgentModule *>(arg);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    prctl(PR_SET_NAME, kRecvThreadName);
+    auto *buffer = static_cast<uint8_t *>(QV_AGENT_Malloc(kBufferSize, module));
+    if (buffer == nullptr) return nullptr;
+    pthread_cleanup_push(ReleaseBuffer, buffer);
+    for (;;) {
+        sockaddr_in from{};
+        socklen_t fromLen = sizeof from;
+        const ssize_t n = Cancellable([&] {
+            return ::recvfrom(module->iSockFd, buffer, kBufferSize, 0, reinterpret_cast<sockaddr *>(&from), &fromLen);
+        });
+        if (n >= 1) QV_AGENT_ProcRecvMsg(buffer, static_cast<uint32_t>(n), &from, module);
+        Cancellable([] { return ::usleep(kAfterReceive); });
+    }
+    pthread_cleanup_pop(1);
+    return nullptr;
+}
+
+void *QV_AGENT_SendThreadProc(void *arg) {
+    auto *module = static_cast<QvAgentModule *>(arg);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    prctl(PR_SET_NAME, kSendThreadName);
+    for (uint32_t pass = 0;; ++pass) {
+        QV_AGENT_ClearSendCountInfo(module);
+        for (uint32_t k : kPassOrder) QV_AGENT_SendMsg(k, module);
+        qv::hook::SendKpi(module);
+        qv::hook::SimulateKpi(pass, module);
+        qv::hook::ReportTestLogWhenMarked(module);
+        Cancellable([] { return ::sleep(kPassInterval); });
+    }
+    return nullptr;
+}
+
+uint32_t QV_AGENT_CreateThread(QvAgentModule *module) {
+    if (module == nullptr) return QV_AGENT_ERR_PARAM;
+    ThreadAttr attr;
+    if (!attr.ok() || !Start(attr, QV_AGENT_RecvThreadProc, module, module->ulRecvThread)) {
+        return QV_AGENT_ERR_THREAD;
+    }
+    if (!Start(attr, QV_AGENT_SendThreadProc, module, module->ulSendThread)) {
+        StopThread(module->ulRecvThread);
+        return QV_AGENT_ERR_THREAD;
+    }
+    return QV_AGENT_OK;
+}
+
+uint32_t QV_AGENT_RecoveryThread(QvAgentModule *module) {
+    if (module == nullptr) return QV_AGENT_ERR_PARAM;
+    ThreadAttr attr;
+    if (!attr.ok()) return QV_AGENT_ERR_THREAD;
+    if (IsGone(module->ulRecvThread) && !Start(attr, QV_AGENT_RecvThreadProc, module, module->ulRecvThread)) {
+        return QV_AGENT_ERR_RECOVERY;
+    }
+    if (IsGone(module->ulSendThread) && !Start(attr, QV_AGENT_SendThreadProc, module, module->ulSendThread)) {
+        return QV_AGENT_ERR_RECOVERY;
+    }
+    return QV_AGENT_OK;
+}
+
+uint32_t QV_AGENT_DeleteThread(QvAgentModule *module) {
+    if (module == nullptr) return QV_AGENT_ERR_PARAM;
+    StopThread(module->ulRecvThread);
+    return StopThread(module->ulSendThread);
+}
