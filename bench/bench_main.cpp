@@ -1,11 +1,13 @@
 // Entry point of the benchmarks and their shared module record.
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "bench_support.h"
 #include "core/mutex_guard.h"
 #include "event/send_list.h"
+#include "qvplatform_testctl.h"
 
 namespace qvbench {
 
@@ -15,6 +17,7 @@ QvAgentModule *Agent() {
         std::strcpy(desc.szServiceName, "bench_service");
         desc.uiServiceId = 1;
         desc.uiListLimit = 1u << 20;
+        if (std::getenv("QV_BENCH_SYSTEM_ALLOCATOR") != nullptr) QVPLAT_TestSetStarted(0);
         return QV_Agent_Init(&desc);
     }();
     return module;

@@ -3,6 +3,7 @@
 #include "core/clock.h"
 
 #include <atomic>
+#include <cstdint>
 
 namespace qv::clock {
 
@@ -27,6 +28,24 @@ CivilDate CivilFromDays(long days) {
     const auto month = static_cast<unsigned>(monthIndex < 10 ? monthIndex + 3 : monthIndex - 9);
     const long year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
     return CivilDate{static_cast<int>(year), month, day};
+}
+
+CivilDate DateOfDay(long days) {
+    // One word holds the day count (low 32 bits) and its date, so a reader never sees a mixed pair.
+    static std::atomic<uint64_t> lastDay{0};
+    constexpr uint64_t kValid = 1ull << 63;
+    const uint64_t seen = lastDay.load(std::memory_order_relaxed);
+    if ((seen & kValid) != 0 && static_cast<uint32_t>(seen) == static_cast<uint32_t>(days)) {
+        return CivilDate{static_cast<int>((seen >> 32) & 0xFFFF), static_cast<unsigned>((seen >> 48) & 0xF),
+                         static_cast<unsigned>((seen >> 52) & 0x1F)};
+    }
+    const CivilDate date = CivilFromDays(days);
+    if (date.year >= 0 && date.year <= 0xFFFF) {
+        lastDay.store(kValid | (uint64_t{date.day} << 52) | (uint64_t{date.month} << 48) |
+                          (static_cast<uint64_t>(date.year) << 32) | static_cast<uint32_t>(days),
+                      std::memory_order_relaxed);
+    }
+    return date;
 }
 
 }  // namespace qv::clock

@@ -22,6 +22,9 @@ struct CivilDate {
 };
 CivilDate CivilFromDays(long days);
 
+// The same, remembering the last day asked for: reports of one day share its conversion.
+CivilDate DateOfDay(long days);
+
 }  // namespace qv::clock
 
 #endif

@@ -26,7 +26,7 @@ bool ReadWallTime(QvAgentSysTime *time) {
         secondOfDay += kSecondsPerDay;
         --days;
     }
-    const qv::clock::CivilDate date = qv::clock::CivilFromDays(days);
+    const qv::clock::CivilDate date = qv::clock::DateOfDay(days);
     time->usYear = static_cast<uint16_t>(date.year);
     time->ucMonth = static_cast<uint8_t>(date.month);
     time->ucDay = static_cast<uint8_t>(date.day);

@@ -200,6 +200,11 @@ TEST_F(LogReportTest, CalendarOfKnownDays) {
         EXPECT_EQ(d.year, c.year) << c.days;
         EXPECT_EQ(d.month, c.month) << c.days;
         EXPECT_EQ(d.day, c.day) << c.days;
+        for (int twice = 0; twice < 2; ++twice) {  // computed, then remembered
+            const qv::clock::CivilDate remembered = qv::clock::DateOfDay(c.days);
+            EXPECT_TRUE(remembered.year == c.year && remembered.month == c.month && remembered.day == c.day)
+                << c.days;
+        }
     }
 }
 

@@ -1,0 +1,65 @@
+// Cost of reporting by identifier and of a debug log, beside the cost of formatting the same message
+// as text with snprintf into a 256-byte buffer.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+
+#include "bench_support.h"
+
+namespace {
+
+const char kText64[] = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
+
+template <typename Report>
+void RunReports(benchmark::State &state, Report report) {
+    QvAgentModule *module = qvbench::Agent();
+    int n = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(report());
+        if (++n % qvbench::kDrainEvery == 0) {
+            state.PauseTiming();
+            qvbench::DrainLists(module);
+            state.ResumeTiming();
+        }
+    }
+    qvbench::DrainLists(module);
+}
+
+void BM_ReportLogById(benchmark::State &state) {
+    RunReports(state, [] { return QV_Agent_ReportLogById(4, 0x1234, "port %u down", 7u); });
+}
+BENCHMARK(BM_ReportLogById);
+
+void BM_ReportLogByIdSixConversions(benchmark::State &state) {
+    RunReports(state, [] {
+        return QV_Agent_ReportLogById(4, 0x1235, "%d %u %x %s %c %_ipv4", -5, 7u, 0xBEEFu, kText64, 'z', 0x0A000001u);
+    });
+}
+BENCHMARK(BM_ReportLogByIdSixConversions);
+
+void BM_Debug(benchmark::State &state) {
+    const QvAgentDebugKey key{1, 2};
+    RunReports(state, [&] { return QV_Agent_Debug(&key, "fan speed", 0x4000, "%u", 3000u); });
+}
+BENCHMARK(BM_Debug);
+
+void BM_SnprintfBaseline(benchmark::State &state) {
+    char text[256];
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(std::snprintf(text, sizeof text, "port %u down", 7u));
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_SnprintfBaseline);
+
+void BM_SnprintfBaselineSixConversions(benchmark::State &state) {
+    char text[256];
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(
+            std::snprintf(text, sizeof text, "%d %u %x %s %c %u", -5, 7u, 0xBEEFu, kText64, 'z', 0x0A000001u));
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_SnprintfBaselineSixConversions);
+
+}  // namespace
