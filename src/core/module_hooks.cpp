@@ -21,8 +21,6 @@ void SendKpi(QvAgentModule * /*module*/) {}
 
 void SimulateKpi(uint32_t /*pass*/, QvAgentModule * /*module*/) {}
 
-void ReportTestLogWhenMarked(QvAgentModule * /*module*/) {}
-
 uint32_t MeshSendToCollector(QvAgentModule * /*module*/, uint32_t /*kind*/, uint32_t /*collectorIp*/,
                              const uint8_t * /*data*/, uint32_t /*len*/) {
     return kNotAvailable;

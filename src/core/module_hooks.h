@@ -1,5 +1,5 @@
 // The calls into subsystems still to be built into the agent: the blackbox, board discovery, the
-// scheduler thread and its timer, mesh sending, KPI reporting and test reports. Each hook answers what
+// scheduler thread and its timer, mesh sending and KPI reporting. Each hook answers what
 // the agent sees today: the feature is not available. As a subsystem lands, its hook is removed and
 // the call site calls the subsystem.
 #ifndef QV_CORE_MODULE_HOOKS_H
@@ -23,11 +23,9 @@ uint32_t CreateSchedulerThread(QvAgentSchedCtrl *ctrl);
 // Starts the 1000 ms timer of the module on the scheduler thread; the timer, or 0.
 uint64_t CreateSendTimer(QvAgentModule *module);
 
-// The parts of a socket-mode send pass that belong to KPI reporting and test reports: one KPI send,
-// the KPI simulation, and the test report while its marker file exists.
+// The parts of a send pass that belong to KPI reporting: one KPI send and the KPI simulation.
 void SendKpi(QvAgentModule *module);
 void SimulateKpi(uint32_t pass, QvAgentModule *module);
-void ReportTestLogWhenMarked(QvAgentModule *module);
 
 // Sends a datagram on the mesh socket of message kind `kind` to the log port of the collector at
 // `collectorIp` (network order); 0 or the send's error.

@@ -18,7 +18,9 @@
 #include "core/module_hooks.h"
 #include "qvagent/qv_agent_memory.h"
 #include "qvagent/qv_agent_wire.h"
+#include "locallog/file_exist.h"
 #include "transport/send_window.h"
+#include "transport/test_reports.h"
 
 namespace {
 
@@ -188,7 +190,7 @@ void *QV_AGENT_SendThreadProc(void *arg) {
         for (uint32_t k : kPassOrder) QV_AGENT_SendMsg(k, module);
         qv::hook::SendKpi(module);
         qv::hook::SimulateKpi(pass, module);
-        qv::hook::ReportTestLogWhenMarked(module);
+        if (QV_AGENT_IsFileExist(qv::testreport::kMarkerFile) != 0) QV_AGENT_ReportTestLog(module);
         Cancellable([] { return ::sleep(kPassInterval); });
     }
     return nullptr;
