@@ -1,0 +1,161 @@
+// Per-datagram processing: head, sequence, acknowledgement, records.
+#include "collector.h"
+
+#include "json_writer.h"
+#include "qvagent/qv_agent_wire.h"
+#include "record_decode.h"
+
+namespace qvcollector {
+
+using qvdecode::JsonWriter;
+
+namespace {
+
+// Every line starts with the kind, the sequence number when there is one, and the sender.
+void BeginLine(JsonWriter &w, const Head &h, const std::string &from) {
+    w.BeginObject();
+    w.FieldString("kind", KindName(h.kind));
+    if (h.hasSeq && h.shape != Shape::Kpi) w.Field("seq", h.seq);
+    w.FieldString("from", from);
+}
+
+std::string EventLine(const Head &h, const std::string &from, const char *event, size_t length) {
+    JsonWriter w;
+    BeginLine(w, h, from);
+    w.FieldString("event", event);
+    w.Field("length", length);
+    if (h.shape != Shape::Bad) w.Field("flags", h.flags);
+    w.EndObject();
+    return w.Take();
+}
+
+}  // namespace
+
+KindStats Collector::Totals() const {
+    KindStats t;
+    for (const KindStats &s : stats_) {
+        t.datagrams += s.datagrams;
+        t.records += s.records;
+        t.duplicates += s.duplicates;
+        t.gaps += s.gaps;
+        t.missing += s.missing;
+        t.errors += s.errors;
+        t.acks += s.acks;
+        t.acksWithheld += s.acksWithheld;
+    }
+    return t;
+}
+
+bool Collector::AckNumbered(Kind kind) {
+    const uint64_t nth = numbered_[static_cast<size_t>(kind)]++;
+    return !options_.noAck && nth >= options_.dropAcks;
+}
+
+Outcome Collector::Handle(Port port, const Sender &sender, Bytes d) {
+    Outcome out;
+    const Head h = ReadHead(port, d);
+    const std::string from = SenderText(sender);
+    KindStats &st = stats_[static_cast<size_t>(h.kind)];
+    ++st.datagrams;
+
+    switch (h.shape) {
+    case Shape::Bad: {
+        ++st.errors;
+        JsonWriter w;
+        BeginLine(w, h, from);
+        w.FieldString("event", "error");
+        w.Field("length", d.size());
+        w.FieldString("reason", h.error);
+        w.EndObject();
+        out.lines.push_back(w.Take());
+        break;
+    }
+    case Shape::Flush:
+        out.lines.push_back(EventLine(h, from, "flush", d.size()));
+        break;
+    case Shape::Kpi: {
+        JsonWriter w;
+        BeginLine(w, h, from);
+        w.FieldString("event", "kpi");
+        w.Field("length", d.size());
+        w.Field("flags", h.flags);
+        w.FieldHex("body", d.subspan(h.headLen));
+        w.EndObject();
+        out.lines.push_back(w.Take());
+        break;
+    }
+    case Shape::Numbered: {
+        const SequenceTracker::Seen seen =
+            sequences_.Observe(h.kind, sender, h.seq, (h.flags & QV_WIRE_FLAG_STREAM_START) != 0);
+        if (seen.missing != 0) {
+            ++st.gaps;
+            st.missing += seen.missing;
+        }
+        if (AckNumbered(h.kind)) {
+            out.ack = BuildAck(port, h);
+            ++st.acks;
+        } else {
+            ++st.acksWithheld;
+        }
+        if (seen.duplicate) {
+            ++st.duplicates;
+            out.lines.push_back(EventLine(h, from, "duplicate", d.size()));
+            break;
+        }
+        if ((h.flags & QV_WIRE_FLAG_STREAM_START) != 0) {
+            out.lines.push_back(EventLine(h, from, "stream_start", d.size()));
+        }
+        if (h.totalLen != d.size()) {
+            // The head is intact, so the datagram is acknowledged: a resend would bring the same bytes.
+            ++st.errors;
+            JsonWriter w;
+            BeginLine(w, h, from);
+            w.FieldString("event", "error");
+            w.Field("length", d.size());
+            w.FieldString("reason", "length field " + std::to_string(h.totalLen) + " for " +
+                                        std::to_string(d.size()) + " bytes");
+            w.EndObject();
+            out.lines.push_back(w.Take());
+            break;
+        }
+        DecodeBody(h, from, d.subspan(h.headLen), out);
+        break;
+    }
+    }
+    out.done = done_;
+    return out;
+}
+
+void Collector::DecodeBody(const Head &h, const std::string &from, Bytes body, Outcome &out) {
+    KindStats &st = stats_[static_cast<size_t>(h.kind)];
+    const std::vector<qvdecode::RecordSlice> slices = qvdecode::SplitRecords(body);
+    for (size_t i = 0; i < slices.size() && !done_; ++i) {
+        const qvdecode::RecordSlice &s = slices[i];
+        JsonWriter w;
+        BeginLine(w, h, from);
+        w.Field("index", i);
+        const JsonWriter::Mark mark = w.Here();
+        std::optional<std::string> err;
+        if (!s.error.empty()) {
+            err = s.error;
+        } else {
+            err = qvdecode::DecodeRecord(s.bytes, w);
+        }
+        if (err) {
+            w.Rewind(mark);
+            w.FieldString("event", "error");
+            w.Field("offset", h.headLen + s.offset);
+            w.Field("length", s.bytes.size());
+            w.FieldString("reason", *err);
+            ++st.errors;
+        } else {
+            ++st.records;
+            ++printed_;
+            if (options_.count != 0 && printed_ >= options_.count) done_ = true;
+        }
+        w.EndObject();
+        out.lines.push_back(w.Take());
+    }
+}
+
+}  // namespace qvcollector

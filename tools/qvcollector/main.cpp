@@ -1,0 +1,66 @@
+// qvcollector: the collector at the other end of the agent's datagrams, for operators and tests.
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "collector.h"
+#include "options.h"
+#include "socket_loop.h"
+
+namespace {
+
+const char *SignalName(int sig) {
+    switch (sig) {
+    case SIGINT: return "SIGINT";
+    case SIGTERM: return "SIGTERM";
+    default: return "a signal";
+    }
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    using namespace qvcollector;
+    Options options;
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    if (const auto err = ParseOptions(args, options)) {
+        std::fprintf(stderr, "qvcollector: %s\nTry 'qvcollector --help'.\n", err->c_str());
+        return 1;
+    }
+    if (options.help) {
+        std::fputs(HelpText(), stdout);
+        return 0;
+    }
+
+    Collector collector(options);
+    const LoopEnd end = RunLoop(options, collector);
+    if (!end.bound) {
+        std::fprintf(stderr, "qvcollector: %s\n", end.error.c_str());
+        return 2;
+    }
+    if (options.stats) {
+        for (size_t k = 0; k < kKindCount; ++k) {
+            const std::string line = StatsLine(static_cast<Kind>(k), collector.Stats()[k]);
+            std::printf("%s\n", line.c_str());
+        }
+        std::fflush(stdout);
+    }
+    std::string why;
+    if (end.signal != 0) {
+        why = std::string("stopped by ") + SignalName(end.signal);
+    } else if (collector.Done()) {
+        why = "stopped after " + std::to_string(options.count) + " records (--count)";
+    } else {
+        why = "stopped: " + end.error;
+    }
+    const KindStats t = collector.Totals();
+    std::fprintf(stderr,
+                 "qvcollector: %s; %llu datagrams, %llu records, %llu duplicates, %llu gaps, %llu errors, "
+                 "%llu acks sent, %llu withheld\n",
+                 why.c_str(), static_cast<unsigned long long>(t.datagrams), static_cast<unsigned long long>(t.records),
+                 static_cast<unsigned long long>(t.duplicates), static_cast<unsigned long long>(t.gaps),
+                 static_cast<unsigned long long>(t.errors), static_cast<unsigned long long>(t.acks),
+                 static_cast<unsigned long long>(t.acksWithheld));
+    return end.error.empty() ? 0 : 2;
+}
