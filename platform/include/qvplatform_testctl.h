@@ -37,6 +37,61 @@ void QVPLAT_TestSetTime(const PAL_SYSTIME_S *time);
 void QVPLAT_TestFailTime(uint32_t fail);
 void QVPLAT_TestClearTime(void);
 
+/* ---- scheduler framework (KEV_) ----
+ * Scheduler threads run until the process ends; tests stop theirs so that none is left behind. */
+
+/* Nonzero: the next KEV_ThreadCreate fails (returns 0), once; 0 cancels. */
+void QVPLAT_TestKevFailThreadCreate(uint32_t on);
+/* Nonzero: the next KEV_TimerCreate fails (returns 0), once; 0 cancels. */
+void QVPLAT_TestKevFailTimerCreate(uint32_t on);
+
+/* Stops a scheduler thread, joins it and releases its timers and registrations (the registered
+ * descriptors stay open: they are the caller's). 0, or nonzero for an unknown handle or when called on
+ * that thread itself. Its handle and those of its timers are unknown afterwards. */
+uint32_t QVPLAT_TestKevStopThread(uint64_t thread);
+/* Stops every scheduler thread as above, except the calling thread's own; the number stopped. */
+uint32_t QVPLAT_TestKevStopAll(void);
+
+/* Scheduler threads running, and timers existing on them (started or not). */
+uint32_t QVPLAT_TestKevLiveThreads(void);
+uint32_t QVPLAT_TestKevLiveTimers(void);
+
+/* What a scheduler thread was created with and holds now. */
+typedef struct QVPLAT_KEV_THREAD_INFO_S {
+    char szName[64];        /* the whole name attribute, terminated; empty when none was set */
+    uint32_t uiPriority;    /* KEV_THREAD_ATTR_PRIORITY, 0 when not set */
+    uint32_t uiOption;      /* KEV_THREAD_ATTR_OPTION, 0 when not set */
+    uint32_t uiDescriptors; /* descriptors registered */
+    uint32_t uiTimers;      /* timers existing */
+} QVPLAT_KEV_THREAD_INFO_S;
+/* 0 and *info filled, or nonzero for an unknown handle or null info. */
+uint32_t QVPLAT_TestKevThreadInfo(uint64_t thread, QVPLAT_KEV_THREAD_INFO_S *info);
+/* The registration of fd on a thread: 0 with its event mask and KEV_TASK_ATTR_OPTION value (0 when not
+ * set; either pointer may be null), or nonzero when fd is not registered there. */
+uint32_t QVPLAT_TestKevDescriptorInfo(uint64_t thread, int32_t fd, uint32_t *events, uint32_t *option);
+
+/* ---- mesh socket library (MESH_) ---- */
+
+/* The calls whose failure QVPLAT_TestMeshFailCall injects. */
+#define QVPLAT_MESH_CALL_SOCKET 0u
+#define QVPLAT_MESH_CALL_FCNTL 1u
+#define QVPLAT_MESH_CALL_BIND 2u
+#define QVPLAT_MESH_CALL_SENDTO 3u
+#define QVPLAT_MESH_CALL_RECVFROM 4u
+#define QVPLAT_MESH_CALL_COUNT 5u
+
+/* The next count calls of one function (from any thread) fail at once: they return -1, do nothing
+ * else, and leave errorNo as the calling thread's error number. count 0 cancels. An unknown call is
+ * ignored. */
+void QVPLAT_TestMeshFailCall(uint32_t call, uint32_t count, uint32_t errorNo);
+/* The same for MESH_SendTo: QVPLAT_TestMeshFailCall(QVPLAT_MESH_CALL_SENDTO, count, errorNo). */
+void QVPLAT_TestMeshFailSend(uint32_t count, uint32_t errorNo);
+
+/* Mesh sockets open (made by MESH_Socket, not yet closed). */
+uint32_t QVPLAT_TestMeshOpenSockets(void);
+/* Closes every open mesh socket; the number closed. */
+uint32_t QVPLAT_TestMeshCloseAll(void);
+
 #ifdef __cplusplus
 }
 #endif
