@@ -1,36 +1,37 @@
 // What the service tells the agent about itself after initialisation (addresses, process and service
 // identity, attributes), the per-service device log, and the flush notice to the collector.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
 
 #include "core/bytes.h"
-#include "core/module_hooks.h"
 #include "core/mutex_guard.h"
 #include "core/paths.h"
 #include "qvagent/qv_agent_identity.h"
 #include "qvagent/qv_agent_memory.h"
 #include "qvagent/qv_agent_wire.h"
 #include "qvplatform/qv_bounded.h"
+#include "transport/board_discovery.h"
+#include "transport/mesh_mode.h"
 #include "transport/wire_msg.h"
 
 namespace {
 
 constexpr mode_t kDevLogMode = 0600;
-constexpr uint32_t kLoopbackIp = 0x7F000001u;  // 127.0.0.1, host order
 
-uint32_t NetworkOrder(uint32_t hostIp) {
-    uint32_t net = 0;
-    qv::bytes::StoreBe32(reinterpret_cast<uint8_t *>(&net), hostIp);
-    return net;
-}
-
-// Where the flush notice goes: this board while the collector location is unknown or local, else the
-// main board. Network order.
-uint32_t CollectorIp(QvAgentModule *module) {
-    if (module->bLocalCollector != 0 || module->bServerInfoValid != 1) return NetworkOrder(kLoopbackIp);
-    return qv::hook::MainBoardIp(module);
+// Where the flush notice goes: the log port of this board while the collector location is unknown or
+// local, else of the main board.
+MESH_ADDR_S FlushDestination(QvAgentModule *module) {
+    MESH_ADDR_S dest{};
+    dest.usPort = htons(QV_WIRE_PORT_LOG);
+    if (module->bLocalCollector != 0 || module->bServerInfoValid != 1) {
+        dest.uiIpAddr = htonl(INADDR_LOOPBACK);
+    } else {
+        QV_AGENT_GetMainBoardIpAddr(&dest, module);
+    }
+    return dest;
 }
 
 }  // namespace
@@ -96,8 +97,8 @@ uint32_t QV_Agent_FlushToLogFile(QvAgentModule *module) {
     notice[QV_WIRE_HEAD_MSG_TYPE_OFF] = QV_WIRE_MSG_FLUSH;
     QV_AGENT_SetMsgByteOrder(notice);
 
-    const uint32_t rc = qv::hook::MeshSendToCollector(module, QV_AGENT_MSG_LOG, CollectorIp(module), notice,
-                                                      QV_WIRE_FLUSH_NOTICE_LEN);
+    const MESH_ADDR_S dest = FlushDestination(module);
+    const uint32_t rc = QV_AGENT_MeshSendTo(QV_AGENT_MSG_LOG, notice, QV_WIRE_FLUSH_NOTICE_LEN, &dest, module);
     if (rc != QV_AGENT_OK) QV_AGENT_WriteToFile("MESH_SendTo fail errno=%u\n", rc);
     QV_AGENT_Free(notice, module);
     return rc;

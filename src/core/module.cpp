@@ -12,6 +12,8 @@
 #include "qvagent/qv_agent_memory.h"
 #include "qvplatform/pal.h"
 #include "qvplatform/qv_bounded.h"
+#include "transport/board_discovery.h"
+#include "transport/scheduler.h"
 #include "transport/socket_mode.h"
 
 uintptr_t g_QvHandle = 0;
@@ -22,6 +24,8 @@ pthread_mutex_t g_qvagntInitMutex = PTHREAD_MUTEX_INITIALIZER;
 namespace {
 
 constexpr char kMemHandleName[] = "qvagent";
+constexpr uint32_t kTickPeriodMs = 1000;
+constexpr uint32_t kPeriodic = 1;
 // Blackbox names that never take the queuing role of the blackbox.
 constexpr char kBlackboxNeverUsed[] = "LOG_ukt";
 constexpr char kBlackboxNotForQueuing[] = "LOG_lmo_xvd_blackbox";
@@ -53,7 +57,7 @@ bool StartScheduler(QvAgentModule *module, const QvAgentServiceDesc *desc) {
     if (ctrl == nullptr) return false;
     std::memset(ctrl, 0, sizeof *ctrl);
     module->pstSchedCtrl = ctrl;
-    if (qv::hook::CreateSchedulerThread(ctrl) != QV_AGENT_OK) {
+    if (QV_AGENT_CreateKEVSchedulerThread(ctrl) != QV_AGENT_OK || ctrl->ulSchedThread == 0) {
         QV_AGENT_FreeWithInit(ctrl, desc);
         module->pstSchedCtrl = nullptr;
         module->uiTransportState = QV_AGENT_STATE_NO_THREADS;
@@ -200,13 +204,17 @@ uint32_t QV_AGENT_CreateModuleKpiInfoInit(QvAgentModule *module) {
         module->auiMeshState[k] = QV_AGENT_MESH_NOT_CREATED;
     }
     pthread_mutex_init(&module->stKpiMutex, nullptr);
-    qv::hook::LoadDeviceManagement(module);
+    QV_AGENT_DevmBasicInfoApiInit(module);
+    QV_AGENT_DevmDBInfoApiInit(module);
+    QV_AGENT_GetPositionInfo(module);
     return QV_AGENT_OK;
 }
 
 uint32_t QV_AGENT_CreateModuleTimerInit(QvAgentModule *module) {
     if (module == nullptr || module->pstSchedCtrl == nullptr) return QV_AGENT_ERR_PARAM;
-    module->pstSchedCtrl->ulTimer = qv::hook::CreateSendTimer(module);  // a missing timer is not reported
+    // A timer that cannot be made is not reported: the record lives on without its heartbeat.
+    module->pstSchedCtrl->ulTimer = QV_AGENT_CreateKEVTimer(kTickPeriodMs, QV_AGENT_SendTimerProc, module, kPeriodic,
+                                                            module->pstSchedCtrl->ulSchedThread);
     return QV_AGENT_OK;
 }
 

@@ -2,7 +2,6 @@
 // available" in the terms of its caller, so the module is created with the feature off.
 #include "core/module_hooks.h"
 
-
 namespace qv::hook {
 
 namespace {
@@ -11,22 +10,9 @@ constexpr uint32_t kNotAvailable = QV_AGENT_ERR_FAILED;
 
 uint32_t InitLogBlackbox(QvAgentModule * /*module*/) { return kNotAvailable; }
 
-void LoadDeviceManagement(QvAgentModule * /*module*/) {}
-
-uint32_t CreateSchedulerThread(QvAgentSchedCtrl * /*ctrl*/) { return kNotAvailable; }
-
-uint64_t CreateSendTimer(QvAgentModule * /*module*/) { return 0; }
-
 void SendKpi(QvAgentModule * /*module*/) {}
 
 void SimulateKpi(uint32_t /*pass*/, QvAgentModule * /*module*/) {}
-
-uint32_t MeshSendToCollector(QvAgentModule * /*module*/, uint32_t /*kind*/, uint32_t /*collectorIp*/,
-                             const uint8_t * /*data*/, uint32_t /*len*/) {
-    return kNotAvailable;
-}
-
-uint32_t MainBoardIp(QvAgentModule *module) { return module->uiMainBoardIp; }
 
 uint32_t ReadBlackbox(uint8_t * /*dst*/, uint32_t /*room*/, QvAgentModule * /*module*/) { return 0; }
 

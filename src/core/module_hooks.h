@@ -1,7 +1,6 @@
-// The calls into subsystems still to be built into the agent: the blackbox, board discovery, the
-// scheduler thread and its timer, mesh sending and KPI reporting. Each hook answers what
-// the agent sees today: the feature is not available. As a subsystem lands, its hook is removed and
-// the call site calls the subsystem.
+// The calls into subsystems still to be built into the agent: the blackbox and KPI reporting. Each hook
+// answers what the agent sees today: the feature is not available. As a subsystem lands, its hook is
+// removed and the call site calls the subsystem.
 #ifndef QV_CORE_MODULE_HOOKS_H
 #define QV_CORE_MODULE_HOOKS_H
 
@@ -14,26 +13,9 @@ namespace qv::hook {
 // Opens the blackbox file named in szBlackboxFile; 0 when the blackbox is in use, else 1.
 uint32_t InitLogBlackbox(QvAgentModule *module);
 
-// Loads the device-management libraries and reads the board position into the module.
-void LoadDeviceManagement(QvAgentModule *module);
-
-// Starts the platform scheduler thread into the control block; 0, or 1 when it cannot.
-uint32_t CreateSchedulerThread(QvAgentSchedCtrl *ctrl);
-
-// Starts the 1000 ms timer of the module on the scheduler thread; the timer, or 0.
-uint64_t CreateSendTimer(QvAgentModule *module);
-
 // The parts of a send pass that belong to KPI reporting: one KPI send and the KPI simulation.
 void SendKpi(QvAgentModule *module);
 void SimulateKpi(uint32_t pass, QvAgentModule *module);
-
-// Sends a datagram on the mesh socket of message kind `kind` to the log port of the collector at
-// `collectorIp` (network order); 0 or the send's error.
-uint32_t MeshSendToCollector(QvAgentModule *module, uint32_t kind, uint32_t collectorIp, const uint8_t *data,
-                             uint32_t len);
-
-// The main board address that board discovery yields (network order).
-uint32_t MainBoardIp(QvAgentModule *module);
 
 // Reads whole records from the blackbox into dst (room bytes); the bytes read, 0 when none.
 uint32_t ReadBlackbox(uint8_t *dst, uint32_t room, QvAgentModule *module);

@@ -1,15 +1,20 @@
 // Identity and attributes after initialisation, the device log's bytes and the flush notice's codes.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "agent_support.h"
 #include "qvplatform_testctl.h"
+#include "qvplatform/mesh.h"
 #include "test_support.h"
+#include "transport/mesh_mode.h"
+#include "udp_collector.h"
 
 namespace {
 
@@ -29,7 +34,7 @@ protected:
         std::filesystem::create_directories("/opt/zanthe/var/log");
         QvAgentServiceDesc desc = qvtest::MakeDesc("ident", 4, 0);
         desc.uiSelfIp = 0x0100000A;
-        module_ = QV_Agent_Init(&desc);
+        module_ = qvtest::InitWithoutScheduler(desc);
         ASSERT_NE(module_, nullptr);
         for (uint32_t &state : module_->auiMeshState) state = QV_AGENT_STATE_READY;
     }
@@ -162,13 +167,30 @@ TEST_F(IdentityTest, DeviceLogFailuresAreAllTheSameCode) {
     EXPECT_EQ(QV_Agent_DevLog("no/such/dir", bytes, 3), QV_AGENT_ERR_DEVLOG);
 }
 
-TEST_F(IdentityTest, FlushNoticeWithoutMemoryAndWithoutNullModule) {
+TEST_F(IdentityTest, FlushNoticeGoesToTheLogPortAsEightBytes) {
+    qvtest::UdpCollector collector({QV_WIRE_PORT_LOG});
+    ASSERT_TRUE(collector.ok());
+    // Without device-management libraries the collector is on the main board the service names.
+    module_->uiSelfIp = module_->uiMainBoardIp = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(QV_AGENT_CreateMeshSendLog(module_), QV_AGENT_OK);
+    EXPECT_EQ(QV_Agent_FlushToLogFile(module_), QV_AGENT_OK);
+    ASSERT_TRUE(collector.WaitFor([](const std::vector<qvtest::Datagram> &got) { return !got.empty(); }));
+    const std::vector<qvtest::Datagram> got = collector.Received();
+    ASSERT_EQ(got.size(), 1u) << "not kept, not resent";
+    EXPECT_EQ(got[0].bytes, (std::vector<uint8_t>{0x00, 0x08, 0x04, 0x02, 0x00, 0x00, 0x00, 0x00}));
+    EXPECT_EQ(module_->astSendList[QV_AGENT_MSG_LOG].pucResendMsg, nullptr);
+}
+
+TEST_F(IdentityTest, FlushNoticeFailures) {
     EXPECT_EQ(QV_Agent_FlushToLogFile(nullptr), QV_AGENT_ERR_PARAM);
     QVPLAT_TestFailAllocation(1);
     EXPECT_EQ(QV_Agent_FlushToLogFile(module_), QV_AGENT_ERR_NO_MEMORY);
     QVPLAT_TestFailAllocation(0);
+    module_->uiSelfIp = module_->uiMainBoardIp = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(QV_AGENT_CreateMeshSendLog(module_), QV_AGENT_OK);
     const uint64_t blocks = qvtest::AgentBlocks();
-    QV_Agent_FlushToLogFile(module_);
+    QVPLAT_TestMeshFailSend(1, MESH_ERR_BASE | 11);
+    EXPECT_EQ(QV_Agent_FlushToLogFile(module_), MESH_ERR_BASE | 11) << "the send's error";
     EXPECT_EQ(qvtest::AgentBlocks(), blocks) << "the notice buffer is released whatever the send gives";
 }
 

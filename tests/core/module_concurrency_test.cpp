@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "agent_support.h"
+#include "qvplatform_testctl.h"
 #include "test_support.h"
 
 namespace {
@@ -45,7 +46,9 @@ TEST(ModuleConcurrency, ThreadsRacingIntoInitAllReceiveTheOneRecord) {
         for (std::thread &th : threads) th.join();
         ASSERT_NE(got[0], nullptr);
         for (QvAgentModule *m : got) EXPECT_EQ(m, got[0]);
-        EXPECT_EQ(qvtest::AgentBlocks(), 3u) << "one record, its allocator report and restraint entry, round " << round;
+        EXPECT_EQ(qvtest::AgentBlocks(), 4u) << "one record with its control block, allocator report and restraint entry, round "
+                                             << round;
+        EXPECT_EQ(QVPLAT_TestKevLiveThreads(), 1u) << "one scheduler thread";
     }
     qvtest::ReleaseModule();
     EXPECT_EQ(qvtest::AgentBlocks(), 0u);

@@ -71,13 +71,49 @@ TEST_F(ModuleTest, FreshRecordCarriesTheDescriptionAndItsInitialValues) {
     EXPECT_EQ(m->uiTick, 0u);
 }
 
-TEST_F(ModuleTest, WithoutSchedulerThreadTheRecordWaitsForSocketMode) {
+TEST_F(ModuleTest, CreationStartsTheSchedulerThreadAndItsTimer) {
     QvAgentServiceDesc desc = qvtest::MakeDesc("svc_b");
     QvAgentModule *m = QV_Agent_Init(&desc);
     ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->uiTransportState, QV_AGENT_STATE_NO_THREADS);
-    EXPECT_EQ(m->pstSchedCtrl, nullptr) << "the control block is released when no thread runs";
-    EXPECT_EQ(qvtest::AgentBlocks(), 3u) << "only the record, the queued allocator report and its restraint entry";
+    EXPECT_EQ(m->uiTransportState, QV_AGENT_STATE_READY);
+    ASSERT_NE(m->pstSchedCtrl, nullptr);
+    EXPECT_NE(m->pstSchedCtrl->ulSchedThread, 0u);
+    EXPECT_NE(m->pstSchedCtrl->ulTimer, 0u);
+    QVPLAT_KEV_THREAD_INFO_S info{};
+    ASSERT_EQ(QVPLAT_TestKevThreadInfo(m->pstSchedCtrl->ulSchedThread, &info), 0u);
+    EXPECT_STREQ(info.szName, "QV_AGENT_SEND");
+    EXPECT_EQ(info.uiPriority, 32u);
+    EXPECT_EQ(info.uiOption, 2u);
+    EXPECT_EQ(info.uiTimers, 1u);
+    EXPECT_EQ(qvtest::AgentBlocks(), 4u) << "the record, its control block, the allocator report and its restraint entry";
+}
+
+TEST_F(ModuleTest, WithoutSchedulerThreadTheRecordWaitsForSocketMode) {
+    struct Case {
+        const char *name;
+        void (*fail)(uint32_t);
+        uint32_t expectState;
+        bool expectCtrl;
+    };
+    const Case cases[] = {
+        {"no scheduler thread", QVPLAT_TestKevFailThreadCreate, QV_AGENT_STATE_NO_THREADS, false},
+        {"no timer: not reported", QVPLAT_TestKevFailTimerCreate, QV_AGENT_STATE_READY, true},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        qvtest::ReleaseModule();
+        QvAgentServiceDesc desc = qvtest::MakeDesc("svc_b");
+        c.fail(1);
+        QvAgentModule *m = QV_Agent_Init(&desc);
+        c.fail(0);
+        ASSERT_NE(m, nullptr);
+        EXPECT_EQ(m->uiTransportState, c.expectState);
+        EXPECT_EQ(m->pstSchedCtrl != nullptr, c.expectCtrl) << "the control block is released without a thread";
+        if (m->pstSchedCtrl != nullptr) {
+            EXPECT_EQ(m->pstSchedCtrl->ulTimer, 0u);
+        }
+        EXPECT_EQ(qvtest::AgentBlocks(), c.expectCtrl ? 4u : 3u);
+    }
 }
 
 TEST_F(ModuleTest, InitQueuesTheAllocatorReport) {

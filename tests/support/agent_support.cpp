@@ -1,12 +1,18 @@
 // Helpers for tests of the agent.
 #include "agent_support.h"
 
+#include <sys/mount.h>
+
 #include <cstdlib>
 #include <cstring>
 
 #include "core/memory_internal.h"
 #include "qvplatform/pal.h"
 #include "record_decoder.h"
+#include "qvplatform/mesh.h"
+#include "qvplatform_testctl.h"
+#include "transport/board_discovery.h"
+#include "transport/scheduler.h"
 #include "transport/send_window.h"
 #include "transport/socket_mode.h"
 
@@ -24,6 +30,16 @@ void ReleaseModule() {
     QvAgentModule *module = QV_Agent_GetHandle();
     if (module == nullptr) return;
     QV_Agent_SetHandle(nullptr);
+    if (module->pstSchedCtrl != nullptr) {  // the scheduler thread first: it runs the timer on the record
+        QV_AGENT_StopKEVTimer(module->pstSchedCtrl->ulTimer);
+        QVPLAT_TestKevStopThread(module->pstSchedCtrl->ulSchedThread);
+    }
+    for (int32_t &fd : module->aiMeshFd) {
+        if (fd != -1) MESH_Close(fd);
+        fd = -1;
+    }
+    QV_AGENT_DevmBasicInfoApiUninit(module);
+    QV_AGENT_DevmDBInfoApiUninit(module);
     if (module->ulSendThread != 0 || module->ulRecvThread != 0) QV_AGENT_DeleteThread(module);
     if (module->iSockFd > 0) QV_AGENT_CloseSocket(module);
     for (QvAgentSendList &list : module->astSendList) QV_AGENT_FreeResendMsg(&list, module);
@@ -36,6 +52,13 @@ void ReleaseModule() {
     QV_AGENT_Free(module, module);
 }
 
+QvAgentModule *InitWithoutScheduler(const QvAgentServiceDesc &desc) {
+    QVPLAT_TestKevFailThreadCreate(1);
+    QvAgentModule *module = QV_Agent_Init(&desc);
+    QVPLAT_TestKevFailThreadCreate(0);
+    return module;
+}
+
 uint64_t AgentBlocks() { return qv::BlocksOutstanding(); }
 
 uint32_t RestraintEntries(QvAgentModule *module) {
@@ -45,6 +68,20 @@ uint32_t RestraintEntries(QvAgentModule *module) {
         ++n;
     }
     return n;
+}
+
+DevmLibraries::DevmLibraries(const std::string &variant) {
+    for (const char *name : {"QV_FAKE_DEVM_CPU", "QV_FAKE_DEVM_SLOT", "QV_FAKE_DEVM_BOARD_TYPE", "QV_FAKE_DEVM_MASTER_SLOT",
+                             "QV_FAKE_DEVM_LOCAL_A", "QV_FAKE_DEVM_LOCAL_B", "QV_FAKE_DEVM_MASTER_IP",
+                             "QV_FAKE_DEVM_SELF_IP", "QV_FAKE_DEVM_FAIL"}) {
+        unsetenv(name);
+    }
+    const std::string dir = std::string(QV_FAKE_DEVM_DIR) + "/" + variant;
+    ok_ = ::mount(dir.c_str(), "/usr/local/lib", nullptr, MS_BIND, nullptr) == 0;
+}
+
+DevmLibraries::~DevmLibraries() {
+    if (ok_) ::umount2("/usr/local/lib", MNT_DETACH);
 }
 
 ServiceTypeEnv::ServiceTypeEnv(const char *value) {

@@ -16,7 +16,7 @@ protected:
         qvtest::ReleaseModule();
         QVPLAT_TestFailAllocation(0);
         QvAgentServiceDesc desc = qvtest::MakeDesc("evtsvc", 31, 100000);
-        module_ = QV_Agent_Init(&desc);
+        module_ = qvtest::InitWithoutScheduler(desc);
         ASSERT_NE(module_, nullptr);
         qvtest::DrainLists(module_);  // the allocator report
         baseBlocks_ = qvtest::AgentBlocks();
