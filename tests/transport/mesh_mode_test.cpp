@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "core/mutex_guard.h"
 #include "module_fixture.h"
 #include "test_support.h"
 #include "qvplatform/kev.h"
@@ -200,7 +201,10 @@ TEST(MeshModeEndToEnd, RecordsOfEveryKindReachTheCollector) {
         },
         std::chrono::milliseconds(10000));
     EXPECT_TRUE(arrived) << "records of every kind within a few ticks";
-    EXPECT_EQ(m->astSendList[QV_AGENT_MSG_LOG].uiCount, 0u);
+    {
+        qv::MutexGuard guard(m->stListMutex);  // the scheduler thread drains the list
+        EXPECT_EQ(m->astSendList[QV_AGENT_MSG_LOG].uiCount, 0u);
+    }
     qvtest::ReleaseModule();
     EXPECT_EQ(QVPLAT_TestKevLiveThreads(), 0u);
     EXPECT_EQ(qvtest::AgentBlocks(), 0u);
