@@ -100,27 +100,31 @@ bool CollectorProcess::Start(const std::vector<std::string> &options) {
     // Bases below the usual ephemeral range, spread by process id so that parallel tests rarely meet.
     for (int attempt = 0; attempt < 8; ++attempt) {
         const unsigned slot = (static_cast<unsigned>(getpid()) * 7u + static_cast<unsigned>(attempt) * 409u) % 2400u;
-        base_ = static_cast<uint16_t>(20000u + slot * 5u);
-        std::vector<std::string> args = CollectorCommand();
-        args.insert(args.end(), options.begin(), options.end());
-        args.push_back("--base-port");
-        args.push_back(std::to_string(base_));
-        if (!Spawn(args)) return false;
-        const int64_t deadline = NowMs() + 10000;
-        while (err_.find("listening on") == std::string::npos && pid_ > 0 && Left(deadline) > 0) {
-            if (!Pump(Left(deadline))) break;
-        }
-        if (err_.find("listening on") != std::string::npos) return true;
-        const bool busy = err_.find("cannot bind") != std::string::npos;
-        kill(pid_, SIGKILL);
-        Reap(5000);
-        close(outFd_);
-        close(errFd_);
-        outFd_ = errFd_ = -1;
-        if (!busy) return false;
+        if (StartAt(static_cast<uint16_t>(20000u + slot * 5u), options)) return true;
+        if (err_.find("cannot bind") == std::string::npos) return false;
         err_.clear();
         out_.clear();
     }
+    return false;
+}
+
+bool CollectorProcess::StartAt(uint16_t base, const std::vector<std::string> &options) {
+    base_ = base;
+    std::vector<std::string> args = CollectorCommand();
+    args.insert(args.end(), options.begin(), options.end());
+    args.push_back("--base-port");
+    args.push_back(std::to_string(base_));
+    if (!Spawn(args)) return false;
+    const int64_t deadline = NowMs() + 10000;
+    while (err_.find("listening on") == std::string::npos && pid_ > 0 && Left(deadline) > 0) {
+        if (!Pump(Left(deadline))) break;
+    }
+    if (err_.find("listening on") != std::string::npos) return true;
+    kill(pid_, SIGKILL);
+    Reap(5000);
+    close(outFd_);
+    close(errFd_);
+    outFd_ = errFd_ = -1;
     return false;
 }
 

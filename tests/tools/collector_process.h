@@ -32,6 +32,9 @@ public:
     // Starts qvcollector with these options on a free base port (it tries a few) and waits for it to
     // announce its ports. False, with the reason in Stderr(), when it could not be started.
     bool Start(const std::vector<std::string> &options);
+    // Starts it on the given base port and waits for its announcement (the agent sends to the fixed
+    // ports from 6010; test programs have a network namespace of their own, so those are free).
+    bool StartAt(uint16_t base, const std::vector<std::string> &options);
     // Starts it with exactly these arguments and does not wait for the announcement.
     bool Spawn(const std::vector<std::string> &args);
 
