@@ -43,6 +43,18 @@ uint32_t Analyse(QvAgentModule *module, uint32_t objType, uint8_t **paraBuf, con
     return QV_Agent_ParaAnalyse(module, &state, paraBuf, format, args);
 }
 
+// The description of a record built from an analysis into para: identifier, kind and parameters.
+QvAgentLogCommonInfo Describe(uint32_t logId, uint32_t objType, const uint8_t *para, const QvAgentParaState &state) {
+    QvAgentLogCommonInfo info{};
+    info.uiLogId = logId;
+    info.uiObjType = objType;
+    info.pucParaBuf = para;
+    info.usParaLen = static_cast<uint16_t>(state.uiParaLen);
+    info.usParaNum = static_cast<uint16_t>(state.uiParaNum);
+    info.ucLevel = QV_LOG_LEVEL_NONE;
+    return info;
+}
+
 uint32_t RecordLength(const QvAgentLogCommonInfo &info, uint32_t nameLen) {
     uint32_t len = QV_LOG_HEAD_LEN + QV_ENTRY_HEAD_LEN + nameLen + info.usParaLen;
     if (info.uiObjType == QV_AGENT_OBJ_DEBUG) {
@@ -127,13 +139,7 @@ uint32_t QV_Agent_VReportLogById(uint32_t objType, uint32_t logId, const char *f
     va_end(copy);
     if (rc != QV_AGENT_OK) return rc;
 
-    QvAgentLogCommonInfo info{};
-    info.uiLogId = logId;
-    info.uiObjType = objType;
-    info.pucParaBuf = para.get();
-    info.usParaLen = static_cast<uint16_t>(state.uiParaLen);
-    info.usParaNum = static_cast<uint16_t>(state.uiParaNum);
-    info.ucLevel = QV_LOG_LEVEL_NONE;
+    const QvAgentLogCommonInfo info = Describe(logId, objType, para.get(), state);
     return QV_Agent_LogCommon(module, &info);
 }
 
@@ -164,15 +170,10 @@ uint32_t QV_Agent_Debug(const QvAgentDebugKey *key, const char *text, uint32_t d
     va_end(args);
     if (rc != QV_AGENT_OK) return rc;
 
-    QvAgentLogCommonInfo info{};
+    QvAgentLogCommonInfo info = Describe(debugId, QV_AGENT_OBJ_DEBUG, para.get(), state);
     info.uiHeadWord = key->uiKeyWord0;
-    info.uiLogId = debugId;
-    info.uiObjType = QV_AGENT_OBJ_DEBUG;
-    info.pucParaBuf = para.get();
     info.uiDebugWord = key->uiKeyWord1;
     info.pszDebugText = reinterpret_cast<const char *>(textCopy.get());
-    info.usParaLen = static_cast<uint16_t>(state.uiParaLen);
-    info.usParaNum = static_cast<uint16_t>(state.uiParaNum);
     info.ucLevel = static_cast<uint8_t>((debugId >> kDebugLevelShift) & kDebugLevelMask);
     info.uiVrid = state.uiVrid;
     return QV_Agent_LogCommon(module, &info);

@@ -108,6 +108,22 @@ const char *FormName(LogForm form) {
     return "object";
 }
 
+// The 12-byte wall time of a record head as a "time" object; byte 7 is the log's weekday and a
+// reserved byte in alarms, named by byte7Name.
+void WriteWallTime(Bytes time, const char *byte7Name, JsonWriter &w) {
+    w.Key("time");
+    w.BeginObject();
+    w.Field("year", Le16(time, QV_TIME_YEAR_OFF));
+    w.Field("month", U8(time, QV_TIME_MONTH_OFF));
+    w.Field("day", U8(time, QV_TIME_DAY_OFF));
+    w.Field("hour", U8(time, QV_TIME_HOUR_OFF));
+    w.Field("minute", U8(time, QV_TIME_MINUTE_OFF));
+    w.Field("second", U8(time, QV_TIME_SECOND_OFF));
+    w.Field(byte7Name, U8(time, QV_TIME_WEEKDAY_OFF));
+    w.Field("ms", Le32(time, QV_TIME_MS_OFF));
+    w.EndObject();
+}
+
 std::optional<std::string> DecodeLog(Bytes rec, JsonWriter &w) {
     if (rec.size() < QV_LOG_HEAD_LEN) {
         return "log record of " + std::to_string(rec.size()) + " bytes, shorter than its head";
@@ -130,17 +146,7 @@ std::optional<std::string> DecodeLog(Bytes rec, JsonWriter &w) {
     w.Field("para_num", paraNum);
     w.Field("level", U8(rec, QV_LOG_LEVEL_OFF));
     w.Field("obj_kind", kind);
-    w.Key("time");
-    w.BeginObject();
-    w.Field("year", Le16(time, QV_TIME_YEAR_OFF));
-    w.Field("month", U8(time, QV_TIME_MONTH_OFF));
-    w.Field("day", U8(time, QV_TIME_DAY_OFF));
-    w.Field("hour", U8(time, QV_TIME_HOUR_OFF));
-    w.Field("minute", U8(time, QV_TIME_MINUTE_OFF));
-    w.Field("second", U8(time, QV_TIME_SECOND_OFF));
-    w.Field("weekday", U8(time, QV_TIME_WEEKDAY_OFF));
-    w.Field("ms", Le32(time, QV_TIME_MS_OFF));
-    w.EndObject();
+    WriteWallTime(time, "weekday", w);
     w.Field("mono_ms", (static_cast<uint64_t>(Le32(time, QV_TIME_MONO_HIGH_OFF)) << 32) |
                            Le32(time, QV_TIME_MONO_LOW_OFF));
     w.Field("opt_word", optWord);
@@ -167,17 +173,7 @@ std::optional<std::string> DecodeAlarm(Bytes rec, JsonWriter &w) {
     w.Field("attr_byte", U8(rec, QV_ALARM_ATTR_BYTE_OFF));
     w.Field("category", U8(rec, QV_ALARM_CATEGORY_OFF));
     w.Field("attr_word", Le32(rec, QV_ALARM_ATTR_WORD_OFF));
-    w.Key("time");
-    w.BeginObject();
-    w.Field("year", Le16(time, QV_TIME_YEAR_OFF));
-    w.Field("month", U8(time, QV_TIME_MONTH_OFF));
-    w.Field("day", U8(time, QV_TIME_DAY_OFF));
-    w.Field("hour", U8(time, QV_TIME_HOUR_OFF));
-    w.Field("minute", U8(time, QV_TIME_MINUTE_OFF));
-    w.Field("second", U8(time, QV_TIME_SECOND_OFF));
-    w.Field("reserved", U8(time, QV_ALARM_TIME_RESERVED_OFF));
-    w.Field("ms", Le32(time, QV_TIME_MS_OFF));
-    w.EndObject();
+    WriteWallTime(time, "reserved", w);
     w.Field("opt_word", optWord);
     return DecodeFilledEntries(rec, QV_ALARM_HEAD_LEN, paraNum, optWord, WriteObjectParaValue, w);
 }
