@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "core/agent_block.h"
 #include "core/bytes.h"
 #include "qvagent/qv_agent_event.h"
 #include "qvagent/qv_agent_log.h"
@@ -18,22 +19,6 @@ using qv::bytes::StoreHost;
 constexpr uint32_t kDebugLevelShift = 14;       // the debug level is bits 14-16 of the debug id
 constexpr uint32_t kDebugLevelMask = 0x7;
 constexpr uint32_t kServiceNameOptions = 1;     // a by-identifier record carries one option
-
-// Blocks of one report, given back on every path out.
-class Block {
-public:
-    Block(uint32_t size, QvAgentModule *module)
-        : module_(module), data_(static_cast<uint8_t *>(QV_AGENT_Malloc(size, module))) {}
-    ~Block() { QV_AGENT_Free(data_, module_); }
-    Block(const Block &) = delete;
-    Block &operator=(const Block &) = delete;
-    uint8_t *get() const { return data_; }
-    uint8_t **address() { return &data_; }  // the analyser may replace the block by a larger one
-
-private:
-    QvAgentModule *module_;
-    uint8_t *data_;
-};
 
 uint32_t Analyse(QvAgentModule *module, uint32_t objType, uint8_t **paraBuf, const char *format, va_list *args,
                  QvAgentParaState &state) {
@@ -116,7 +101,7 @@ uint32_t QV_Agent_LogCommon(QvAgentModule *module, const QvAgentLogCommonInfo *i
     if (info->usParaLen != 0 && info->pucParaBuf == nullptr) return QV_AGENT_ERR_PARAM;
     const auto nameLen = static_cast<uint16_t>(strnlen(module->szServiceName, QV_AGENT_NAME_LEN));
     const uint32_t len = RecordLength(*info, nameLen);
-    Block record(len, module);
+    qv::AgentBlock record(len, module);
     if (record.get() == nullptr) return QV_AGENT_ERR_NO_MEMORY;
     WriteHead(record.get(), len, *info);
     const uint32_t rc = WriteBody(record.get(), len, *info, module->szServiceName, nameLen);
@@ -130,7 +115,7 @@ uint32_t QV_Agent_LogCommon(QvAgentModule *module, const QvAgentLogCommonInfo *i
 uint32_t QV_Agent_VReportLogById(uint32_t objType, uint32_t logId, const char *format, va_list args) {
     QvAgentModule *module = QV_Agent_GetHandle();
     if (logId == 0 || format == nullptr || module == nullptr) return QV_AGENT_ERR_PARAM;
-    Block para(QV_AGENT_PARA_BUF_SIZE, module);
+    qv::AgentBlock para(QV_AGENT_PARA_BUF_SIZE, module);
     if (para.get() == nullptr) return QV_AGENT_ERR_NO_MEMORY;
     QvAgentParaState state;
     va_list copy;
@@ -156,10 +141,10 @@ uint32_t QV_Agent_Debug(const QvAgentDebugKey *key, const char *text, uint32_t d
     if (key == nullptr || text == nullptr || module == nullptr) return QV_AGENT_ERR_PARAM;
     const size_t textLen = strnlen(text, QV_AGENT_DEBUG_TEXT_MAX + 1);
     if (textLen > QV_AGENT_DEBUG_TEXT_MAX) return QV_AGENT_ERR_DEBUG_TEXT;
-    Block para(QV_AGENT_PARA_BUF_SIZE, module);
+    qv::AgentBlock para(QV_AGENT_PARA_BUF_SIZE, module);
     if (para.get() == nullptr) return QV_AGENT_ERR_NO_MEMORY;
     const auto textSize = static_cast<uint32_t>(textLen + 1);
-    Block textCopy(textSize, module);
+    qv::AgentBlock textCopy(textSize, module);
     if (textCopy.get() == nullptr) return QV_AGENT_ERR_NO_MEMORY;
     if (strcpy_s(reinterpret_cast<char *>(textCopy.get()), textSize, text) != QV_EOK) return QV_AGENT_ERR_PARAM;
 

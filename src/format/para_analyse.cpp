@@ -3,6 +3,7 @@
 // bytes; and the writing of an entry that ends beyond the soft limit.
 #include <algorithm>
 
+#include "core/agent_block.h"
 #include "core/bytes.h"
 #include "format/format_scan.h"
 #include "format/render_common.h"
@@ -21,21 +22,6 @@ constexpr uint32_t kGrownSize = QV_AGENT_PARA_BUF_GROWN_SIZE;
 // and any other entry is placed whole up to the hard limit.
 constexpr uint32_t kGrownSoftLimit = 8192;
 constexpr uint32_t kGrownHardLimit = kGrownSize;
-
-// The value scratch of one analysis, given back on every path out.
-class Scratch {
-public:
-    explicit Scratch(QvAgentModule *module)
-        : module_(module), block_(static_cast<uint8_t *>(QV_AGENT_Malloc(qv::fmt::kScratchSize, module))) {}
-    ~Scratch() { QV_AGENT_Free(block_, module_); }
-    Scratch(const Scratch &) = delete;
-    Scratch &operator=(const Scratch &) = delete;
-    uint8_t *get() const { return block_; }
-
-private:
-    QvAgentModule *module_;
-    uint8_t *block_;
-};
 
 struct Limits {
     uint32_t soft;
@@ -124,7 +110,7 @@ uint32_t QV_Agent_ParaAnalyse(QvAgentModule *module, QvAgentParaState *state, ui
     if (state == nullptr || paraBuf == nullptr || *paraBuf == nullptr || format == nullptr || args == nullptr) {
         return QV_AGENT_ERR_PARAM;
     }
-    const Scratch scratch(module);
+    const qv::AgentBlock scratch(qv::fmt::kScratchSize, module);  // the value scratch of this analysis
     if (scratch.get() == nullptr) return QV_AGENT_ERR_NO_MEMORY;
     state->uiParaNum = 0;
     Analysis analysis(module, state, paraBuf, args, scratch.get());
