@@ -17,9 +17,12 @@ namespace fmttest {
 
 using Bytes = std::vector<uint8_t>;
 
-// Passed after a call's own arguments: reading it back proves that the callee took exactly its
-// arguments from the caller's list, and advanced the caller's list, not a copy.
+// Passed after a call's own arguments. Reading it back proves that the callee took exactly its
+// arguments from the caller's list and advanced that list, not a copy: on AArch64 a va_list passed
+// on by value moves only the callee's copy.
 constexpr int kEnd = 0x5EED;
+// uiParaLen before an analysis, to show whether the analysis set it.
+constexpr uint32_t kUntouched = 0xDEADu;
 
 template <typename T>
 Bytes HostBytes(const T &value) {
@@ -27,61 +30,49 @@ Bytes HostBytes(const T &value) {
     std::memcpy(out.data(), &value, sizeof value);
     return out;
 }
-
-Bytes Text(const std::string &text);  // the characters and a terminating zero
-Bytes Zeros(size_t count);
-Bytes Filled(size_t count, uint8_t byte);
-
-// One parameter entry: u16 type, u16 length, the value.
-Bytes Entry(uint16_t type, const Bytes &value);
+Bytes Text(const std::string &text);             // the characters and a terminating zero
+Bytes Entry(uint16_t type, const Bytes &value);  // u16 type, u16 length, the value
 Bytes Concat(std::initializer_list<Bytes> parts);
 
-std::string Repeat(const std::string &text, size_t times);
-
-// Sets up the platform's accounted allocator, so tests can count and fail allocations, and checks
-// after each test that nothing of the agent is left allocated.
+// Checks after each test that no block of the agent is left allocated.
 class FormatTest : public testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
 };
 
-// ---- the analyser ----
-
 struct Analysed {
     uint32_t rc = 0;
     QvAgentParaState state{};
     Bytes para;    // the first uiParaLen bytes of the buffer, on success
-    int next = 0;  // the argument that follows what the analysis took
+    int next = 0;  // the argument after those the analysis took
 };
 
-// Runs one analysis of kind on a fresh 2048-byte buffer from the agent's allocator; the arguments
-// must end with kEnd. uiParaLen starts at kUntouched to show whether the analysis set it.
-constexpr uint32_t kUntouched = 0xDEADu;
+// One analysis of kind on a fresh 2048-byte buffer of the agent's allocator, the arguments ending
+// with kEnd; AnalyseFailing makes the failNth allocation of the analysis fail.
 Analysed Analyse(uint32_t kind, const char *format, ...);
+Analysed AnalyseFailing(uint64_t failNth, uint32_t kind, const char *format, ...);
 
-// The same with count ints (1, 2, ... count) after the leading arguments.
 template <size_t... I, typename... Lead>
-Analysed AnalyseWithIntsImpl(std::index_sequence<I...>, uint32_t kind, const std::string &format, Lead... lead) {
+Analysed AnalyseIntsImpl(std::index_sequence<I...>, uint32_t kind, std::string format, Lead... lead) {
+    for (size_t i = 0; i < sizeof...(I); ++i) format += "%d";
     return Analyse(kind, format.c_str(), lead..., static_cast<int>(I + 1)..., kEnd);
 }
+// format followed by Count "%d", with the leading arguments and then the ints 1, 2, ... Count.
 template <size_t Count, typename... Lead>
-Analysed AnalyseWithInts(uint32_t kind, const std::string &format, Lead... lead) {
-    return AnalyseWithIntsImpl(std::make_index_sequence<Count>{}, kind, format, lead...);
+Analysed AnalyseInts(uint32_t kind, const std::string &format, Lead... lead) {
+    return AnalyseIntsImpl(std::make_index_sequence<Count>{}, kind, format, lead...);
 }
-
-// ---- the renderers ----
 
 struct Rendered {
     uint32_t rc = 0;
-    uint16_t type = 0;  // kTypeUnset unless the renderer set it
+    uint16_t type = 0;
     uint16_t len = 0;
-    Bytes value;        // the first len bytes of the scratch, on success
+    Bytes value;  // the first len bytes of the scratch, on success
     int next = 0;
 };
-constexpr uint16_t kTypeUnset = 0xBEEF;
 
-// Calls a renderer with the given mode and a scratch of 9216 bytes; the arguments must end with kEnd.
+// Calls a renderer in mode with a 9216-byte scratch, the arguments ending with kEnd.
 Rendered Render(QvAgentFmtProcFn proc, uint8_t modifier, const char *conversion, unsigned mode, ...);
 
 }  // namespace fmttest
