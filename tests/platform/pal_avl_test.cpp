@@ -9,7 +9,6 @@
 #include <cstring>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -27,78 +26,48 @@ using Reference = std::map<uint32_t, Entry *>;
 
 // Unsigned order answered as the agent's compare functions do: 1, 0 or 0xFFFFFFFF.
 int32_t CompareKeys(const void *a, const void *b) {
-    const uint32_t x = *static_cast<const uint32_t *>(a);
-    const uint32_t y = *static_cast<const uint32_t *>(b);
+    const uint32_t x = *static_cast<const uint32_t *>(a), y = *static_cast<const uint32_t *>(b);
     return x < y ? static_cast<int32_t>(0xFFFFFFFFu) : (x > y ? 1 : 0);
 }
 
 void Prepare(Entry &entry, uint32_t key) {
     entry.key = key;
-    entry.node = PAL_AVL_NODE_S{};
-    entry.node.iHeight = -1;
-    entry.node.pSelf = &entry.node;
-    entry.node.pKey = &entry.key;
-}
-
-PAL_AVL_TREE_S EmptyTree() {
-    PAL_AVL_TREE_S tree{};
-    tree.pfnCompare = CompareKeys;
-    return tree;
+    entry.node = PAL_AVL_NODE_S{nullptr, nullptr, nullptr, -1, &entry.node, &entry.key};
 }
 
 bool IsDetached(const PAL_AVL_NODE_S &node) {
-    return node.pstParent == nullptr && node.pstLeft == nullptr && node.pstRight == nullptr &&
-           node.iHeight == -1;
+    return node.pstParent == nullptr && node.pstLeft == nullptr && node.pstRight == nullptr && node.iHeight == -1;
 }
 
-// Checks links, heights and balance below node; gives the subtree's height or -1 after a fault.
-int32_t CheckSubtree(const PAL_AVL_NODE_S *node, const PAL_AVL_NODE_S *parent, std::ostringstream &fault) {
-    if (node == nullptr) {
-        return 0;
-    }
-    if (node->pstParent != parent || node->pSelf != node) {
-        fault << "bad parent or self link at key " << *static_cast<const uint32_t *>(node->pKey);
-        return -1;
-    }
+uint32_t KeyOf(const PAL_AVL_NODE_S *node) { return *static_cast<const uint32_t *>(node->pKey); }
+
+// Checks links, heights and balance below node; the subtree's height, or -1 with fault set.
+int32_t CheckSubtree(const PAL_AVL_NODE_S *node, const PAL_AVL_NODE_S *parent, std::string &fault) {
+    if (node == nullptr) return 0;
     const int32_t left = CheckSubtree(node->pstLeft, node, fault);
     const int32_t right = CheckSubtree(node->pstRight, node, fault);
-    if (left < 0 || right < 0) {
-        return -1;
+    const bool linked = node->pstParent == parent && node->pSelf == node;
+    if (fault.empty() && (!linked || node->iHeight != 1 + std::max(left, right) || std::abs(left - right) > 1)) {
+        fault = "bad link, height or balance at key " + std::to_string(KeyOf(node));
     }
-    if (node->iHeight != 1 + std::max(left, right) || std::abs(left - right) > 1) {
-        fault << "height " << node->iHeight << " over " << left << "/" << right << " at key "
-              << *static_cast<const uint32_t *>(node->pKey);
-        return -1;
-    }
-    return node->iHeight;
+    return fault.empty() ? node->iHeight : -1;
 }
 
 // Empty when tree holds exactly the reference's entries in order and keeps every structural promise.
 std::string Violation(const PAL_AVL_TREE_S &tree, const Reference &reference) {
-    std::ostringstream fault;
+    std::string fault;
     const int32_t height = CheckSubtree(tree.pstRoot, nullptr, fault);
-    if (height < 0) {
-        return fault.str();
-    }
-    const double bound = 1.45 * std::log2(static_cast<double>(reference.size()) + 2);
-    if (height >= bound) {
-        fault << "height " << height << " for " << reference.size() << " nodes";
-        return fault.str();
-    }
-    if (reference.empty()) {
-        const bool empty = tree.pstRoot == nullptr && tree.pstFirst == nullptr && tree.pstLast == nullptr;
-        return empty ? "" : "empty tree with nodes";
-    }
-    if (tree.pstFirst != &reference.begin()->second->node ||
-        tree.pstLast != &reference.rbegin()->second->node) {
+    if (!fault.empty()) return fault;
+    if (height >= 1.45 * std::log2(static_cast<double>(reference.size()) + 2)) return "too high";
+    if (reference.empty()) return tree.pstRoot || tree.pstFirst || tree.pstLast ? "empty tree with nodes" : "";
+    if (tree.pstFirst != &reference.begin()->second->node || tree.pstLast != &reference.rbegin()->second->node) {
         return "first or last is not the extreme";
     }
     const PAL_AVL_NODE_S *walk = tree.pstFirst;
     for (const auto &[key, entry] : reference) {
         // The node is the entry's own and still carries the entry's key: nothing was moved.
         if (walk != &entry->node || walk->pKey != &entry->key || entry->key != key) {
-            fault << "in-order walk differs at key " << key;
-            return fault.str();
+            return "in-order walk differs at key " + std::to_string(key);
         }
         walk = PAL_AVL_Next(const_cast<PAL_AVL_NODE_S *>(walk));
     }
@@ -109,8 +78,8 @@ TEST(PalAvl, RandomOperationsMatchOrderedMap) {
     constexpr uint32_t kKeys = 4096;
     std::vector<Entry> entries(kKeys);
     Entry duplicate{};
-    Reference reference;
-    PAL_AVL_TREE_S tree = EmptyTree();
+    Reference reference;  // key -> the entry in the tree
+    PAL_AVL_TREE_S tree{CompareKeys, nullptr, nullptr, nullptr};
     std::mt19937 random(0x5EED1234u);
 
     for (uint32_t op = 1; op <= 100000; ++op) {
@@ -131,14 +100,13 @@ TEST(PalAvl, RandomOperationsMatchOrderedMap) {
             reference.erase(key);
             EXPECT_TRUE(IsDetached(entry.node));
         }
-
         if (op % 5000 == 0) {  // delete every other node while walking, taking the successor first
             bool drop = op % 10000 == 0;
             for (PAL_AVL_NODE_S *node = tree.pstFirst; node != nullptr; drop = !drop) {
                 PAL_AVL_NODE_S *next = PAL_AVL_Next(node);
                 if (drop) {
                     PAL_AVL_Delete(&tree, node);
-                    reference.erase(*static_cast<uint32_t *>(node->pKey));
+                    reference.erase(KeyOf(node));
                 }
                 node = next;
             }
@@ -155,39 +123,28 @@ TEST(PalAvl, RandomOperationsMatchOrderedMap) {
             EXPECT_EQ(std::memcmp(entries.data(), entriesBefore.data(), kKeys * sizeof(Entry)), 0);
         }
     }
-    while (tree.pstFirst != nullptr) {
-        PAL_AVL_Delete(&tree, tree.pstFirst);
-    }
+    while (tree.pstFirst != nullptr) PAL_AVL_Delete(&tree, tree.pstFirst);
     EXPECT_EQ(tree.pstRoot, nullptr);
     EXPECT_EQ(tree.pstLast, nullptr);
 }
 
-TEST(PalAvl, EmptyNullAndForeignArgumentsAreHarmless) {
-    PAL_AVL_TREE_S tree = EmptyTree();
-    PAL_AVL_TREE_S other = EmptyTree();
-    Entry mine{};
-    Entry theirs{};
+TEST(PalAvl, NullArgumentsAndNodesOfAnotherTreeChangeNothing) {
+    PAL_AVL_TREE_S tree{CompareKeys, nullptr, nullptr, nullptr}, other = tree;
+    Entry mine{}, theirs{};
     Prepare(mine, 1);
     Prepare(theirs, 2);
-    EXPECT_EQ(PAL_AVL_Find(nullptr, &mine.key), nullptr);
-    EXPECT_EQ(PAL_AVL_Find(&tree, &mine.key), nullptr);
-    EXPECT_EQ(PAL_AVL_Next(nullptr), nullptr);
-    EXPECT_EQ(PAL_AVL_Insert_Or_Find(nullptr, &mine.node), nullptr);
-    EXPECT_TRUE(IsDetached(mine.node));
-
-    ASSERT_EQ(PAL_AVL_Insert_Or_Find(&tree, &mine.node), nullptr);
-    ASSERT_EQ(PAL_AVL_Insert_Or_Find(&other, &theirs.node), nullptr);
-    EXPECT_EQ(Violation(tree, {{1, &mine}}), "");
-    // Deleting through a tree the node is not in, or twice, changes neither tree.
-    PAL_AVL_Delete(&tree, &theirs.node);
+    EXPECT_TRUE(!PAL_AVL_Find(nullptr, &mine.key) && !PAL_AVL_Find(&tree, &mine.key) && !PAL_AVL_Next(nullptr));
+    EXPECT_TRUE(!PAL_AVL_Insert_Or_Find(nullptr, &mine.node) && IsDetached(mine.node));
+    ASSERT_TRUE(!PAL_AVL_Insert_Or_Find(&tree, &mine.node) && !PAL_AVL_Insert_Or_Find(&other, &theirs.node));
+    PAL_AVL_Delete(&tree, &theirs.node);  // not in this tree
     PAL_AVL_Delete(&tree, nullptr);
-    EXPECT_EQ(Violation(other, {{2, &theirs}}), "");
+    PAL_AVL_Delete(nullptr, &mine.node);
+    EXPECT_EQ(Violation(tree, {{1, &mine}}), "");
     PAL_AVL_Delete(&tree, &mine.node);
-    PAL_AVL_Delete(&tree, &mine.node);
+    PAL_AVL_Delete(&tree, &mine.node);  // twice
     EXPECT_EQ(Violation(tree, {}), "");
     EXPECT_EQ(Violation(other, {{2, &theirs}}), "");
-    EXPECT_TRUE(IsDetached(mine.node));
-    EXPECT_EQ(mine.node.pSelf, &mine.node);
+    EXPECT_TRUE(IsDetached(mine.node) && mine.node.pSelf == &mine.node);
 }
 
 }  // namespace

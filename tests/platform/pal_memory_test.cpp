@@ -1,11 +1,11 @@
-// Tests of the stand-in's start-up state, memory handles and accounted allocation.
+// Tests of the stand-in's memory handles and accounted allocation: per-handle counts,
+// the injected failure of the nth call, refused frees, and balance under concurrent use.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <random>
 #include <string>
 #include <thread>
@@ -22,34 +22,22 @@ uint32_t HandleOf(const char *name) {
     return handle;
 }
 
-void *Alloc(uint32_t handle, uint32_t size) {
-    return PAL_MemAlloc_F(handle, 0, size, __FILE__, __LINE__);
-}
-
-uint32_t Free(uint32_t handle, void *ptr) {
-    return PAL_MemFree_F(handle, ptr, __FILE__, __LINE__);
-}
+void *Alloc(uint32_t handle, uint32_t size) { return PAL_MemAlloc_F(handle, 0, size, __FILE__, __LINE__); }
+uint32_t Free(uint32_t handle, void *ptr) { return PAL_MemFree_F(handle, ptr, __FILE__, __LINE__); }
 
 void ExpectOutstanding(uint32_t handle, uint64_t blocks, uint64_t bytes) {
     EXPECT_EQ(QVPLAT_TestBlocksOutstanding(handle), blocks) << "handle " << handle;
     EXPECT_EQ(QVPLAT_TestBytesOutstanding(handle), bytes) << "handle " << handle;
 }
 
-TEST(PalMemory, StartUpStateAndHandles) {
-    EXPECT_EQ(PAL_StarterSystemStartUpIs(), 1u);
-    QVPLAT_TestSetStarted(0);
-    EXPECT_EQ(PAL_StarterSystemStartUpIs(), 0u);
-    QVPLAT_TestSetStarted(1);
-
-    const uint32_t one = HandleOf("pal-handle-one");
-    const uint32_t two = HandleOf("pal-handle-two");
+TEST(PalMemory, OneHandlePerNameOfOneTo63Characters) {
+    const std::string longest(63, 'x'), tooLong(64, 'x');
+    const uint32_t one = HandleOf("pal-handle-one"), two = HandleOf(longest.c_str());
     EXPECT_NE(one, 0u);
     EXPECT_NE(two, 0u);
     EXPECT_NE(one, two);
     EXPECT_EQ(HandleOf("pal-handle-one"), one);
-
     uint32_t handle = 12345;
-    const std::string tooLong(64, 'x');
     for (const char *name : {static_cast<const char *>(nullptr), "", tooLong.c_str()}) {
         EXPECT_NE(PAL_HandleInitialize(name, &handle), 0u);
     }
@@ -57,59 +45,43 @@ TEST(PalMemory, StartUpStateAndHandles) {
     EXPECT_EQ(handle, 12345u);
 }
 
-TEST(PalMemory, CountsBlocksAndBytesPerHandle) {
+// Blocks of every size are aligned, freshly filled and booked on their own handle; the third call is
+// made to fail and counted; freeing through the other handle books each block back where it came from.
+TEST(PalMemory, CountsBlocksAndBytesPerHandleAndFailsTheNthCallOnce) {
     const uint32_t handles[2] = {HandleOf("pal-account-a"), HandleOf("pal-account-b")};
     const uint32_t sizes[] = {0, 1, 15, 16, 17, 255, 4096, 100000};
+    const uint64_t calls = QVPLAT_TestAllocCalls();
+    QVPLAT_TestFailAllocation(3);
     std::vector<void *> blocks;
-    uint64_t bytes[2] = {0, 0};
     for (size_t i = 0; i < std::size(sizes); ++i) {
         void *block = Alloc(handles[i % 2], sizes[i]);
-        ASSERT_NE(block, nullptr);
+        ASSERT_EQ(block == nullptr, i == 2) << "call " << i + 1;
+        if (block == nullptr) continue;
         EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 16, 0u);
+        EXPECT_EQ(sizes[i] != 0 ? static_cast<unsigned char *>(block)[sizes[i] - 1] : 0xA5, 0xA5);
         std::memset(block, 0x5A, sizes[i]);
         blocks.push_back(block);
-        bytes[i % 2] += sizes[i];
     }
-    ExpectOutstanding(handles[0], 4, bytes[0]);
-    ExpectOutstanding(handles[1], 4, bytes[1]);
-    for (void *block : blocks) {
-        EXPECT_EQ(Free(handles[0], block), 0u);  // booked back on the handle it came from
-    }
+    EXPECT_EQ(Alloc(0, 8), nullptr);  // a handle never given out
+    EXPECT_EQ(QVPLAT_TestAllocCalls(), calls + std::size(sizes) + 1);
+    ExpectOutstanding(handles[0], 3, 0 + 17 + 4096);  // the 15-byte block was the failed third call
+    ExpectOutstanding(handles[1], 4, 1 + 16 + 255 + 100000);
+    QVPLAT_TestFailAllocation(1);
+    QVPLAT_TestFailAllocation(0);  // cancelled
+    blocks.push_back(Alloc(handles[0], 32));
+    for (void *block : blocks) EXPECT_EQ(Free(handles[1], block), 0u);
     ExpectOutstanding(handles[0], 0, 0);
     ExpectOutstanding(handles[1], 0, 0);
 }
 
-TEST(PalMemory, FailsTheNthCallOnceAndCountsEveryCall) {
-    const uint32_t handle = HandleOf("pal-fail-nth");
-    const uint64_t calls = QVPLAT_TestAllocCalls();
-    QVPLAT_TestFailAllocation(3);
-    void *blocks[4];
-    for (void *&block : blocks) {
-        block = Alloc(handle, 32);
-    }
-    EXPECT_EQ(blocks[2], nullptr);
-    EXPECT_EQ(Alloc(0, 8), nullptr);  // a handle never given out
-    EXPECT_EQ(QVPLAT_TestAllocCalls(), calls + 5);
-    ExpectOutstanding(handle, 3, 96);
-
-    QVPLAT_TestFailAllocation(1);
-    QVPLAT_TestFailAllocation(0);
-    blocks[2] = Alloc(handle, 32);
-    for (void *block : blocks) {
-        ASSERT_NE(block, nullptr);
-        EXPECT_EQ(Free(handle, block), 0u);
-    }
-    ExpectOutstanding(handle, 0, 0);
-}
-
-TEST(PalMemory, RefusesBadFreesWithoutChangingCounts) {
+TEST(PalMemory, RefusesNullForeignDoubleAndCorruptedFreesWithoutChangingCounts) {
     const uint32_t handle = HandleOf("pal-bad-free");
     auto *kept = static_cast<unsigned char *>(Alloc(handle, 40));
     void *released = Alloc(handle, 24);
     ASSERT_NE(kept, nullptr);
     ASSERT_EQ(Free(handle, released), 0u);
-
     alignas(16) unsigned char stack[64] = {};
+    std::memcpy(stack + 16, kept - 16, 16);  // stack + 32 lies behind a copy of a live block's head
     void *fromMalloc = std::malloc(64);
     for (void *bad : {static_cast<void *>(nullptr), released, static_cast<void *>(stack + 32), fromMalloc,
                       static_cast<void *>(kept + 16)}) {
@@ -117,7 +89,6 @@ TEST(PalMemory, RefusesBadFreesWithoutChangingCounts) {
         ExpectOutstanding(handle, 1, 40);
     }
     std::free(fromMalloc);
-
     // A caller that wrote over the bytes in front of its block is refused rather than trusted.
     unsigned char saved[16];
     std::memcpy(saved, kept - 16, 16);
@@ -128,14 +99,12 @@ TEST(PalMemory, RefusesBadFreesWithoutChangingCounts) {
     ExpectOutstanding(handle, 0, 0);
 }
 
-TEST(PalMemory, ConcurrentThreadsBalanceToZero) {
-    constexpr uint32_t kThreads = 8;
-    constexpr uint32_t kRounds = 2000;
+TEST(PalMemory, ConcurrentThreadsBalanceToZeroAndFailExactlyTheNthCall) {
+    constexpr uint32_t kThreads = 8, kRounds = 2000;
     const uint32_t shared = HandleOf("pal-concurrent");
     const uint64_t calls = QVPLAT_TestAllocCalls();
     std::atomic<int> failures{0};
     QVPLAT_TestFailAllocation(kThreads * kRounds / 2);  // exactly one call among all threads fails
-
     std::vector<std::thread> threads;
     for (uint32_t t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
@@ -143,11 +112,7 @@ TEST(PalMemory, ConcurrentThreadsBalanceToZero) {
             std::vector<void *> held;
             for (uint32_t round = 0; round < kRounds; ++round) {
                 void *block = Alloc(shared, static_cast<uint32_t>(random() % 512));
-                if (block == nullptr) {
-                    ++failures;
-                } else {
-                    held.push_back(block);
-                }
+                block == nullptr ? static_cast<void>(++failures) : held.push_back(block);
                 if (held.size() > 16 || (random() % 3 == 0 && !held.empty())) {
                     const size_t pick = random() % held.size();
                     EXPECT_EQ(Free(shared, held[pick]), 0u);
@@ -155,14 +120,10 @@ TEST(PalMemory, ConcurrentThreadsBalanceToZero) {
                     held.pop_back();
                 }
             }
-            for (void *block : held) {
-                EXPECT_EQ(Free(shared, block), 0u);
-            }
+            for (void *block : held) EXPECT_EQ(Free(shared, block), 0u);
         });
     }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    for (std::thread &thread : threads) thread.join();
     EXPECT_EQ(failures.load(), 1);
     EXPECT_EQ(QVPLAT_TestAllocCalls(), calls + kThreads * kRounds);
     ExpectOutstanding(shared, 0, 0);
