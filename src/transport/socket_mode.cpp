@@ -1,7 +1,7 @@
 // Socket mode: one UDP socket and two threads of the agent's own. The send thread runs a send pass a
 // second; the receive thread takes acknowledgements and sends the next datagram of their kind at once.
 // The threads can be cancelled only while they wait (recvfrom, usleep, sleep), never while they hold a
-// lock or a block.
+// lock or a block; the receive thread reads into a buffer on its own stack.
 #include "transport/socket_mode.h"
 
 #include <arpa/inet.h>
@@ -58,8 +58,6 @@ auto Cancellable(Wait wait) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     return result;
 }
-
-void ReleaseBuffer(void *buffer) { QV_AGENT_Free(buffer, nullptr); }
 
 // Thread attributes with the agent's stack size, or default ones when the size cannot be set.
 class ThreadAttr {
@@ -165,19 +163,17 @@ void *QV_AGENT_RecvThreadProc(void *arg) {
     auto *module = static_cast<QvAgentModule *>(arg);
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     prctl(PR_SET_NAME, kRecvThreadName);
-    auto *buffer = static_cast<uint8_t *>(QV_AGENT_Malloc(kBufferSize, module));
-    if (buffer == nullptr) return nullptr;
-    pthread_cleanup_push(ReleaseBuffer, buffer);
+    // On the thread's own stack: a cancelled thread leaves no block behind.
+    uint8_t buffer[kBufferSize];
     for (;;) {
         sockaddr_in from{};
         socklen_t fromLen = sizeof from;
         const ssize_t n = Cancellable([&] {
-            return ::recvfrom(module->iSockFd, buffer, kBufferSize, 0, reinterpret_cast<sockaddr *>(&from), &fromLen);
+            return ::recvfrom(module->iSockFd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&from), &fromLen);
         });
         if (n >= 1) QV_AGENT_ProcRecvMsg(buffer, static_cast<uint32_t>(n), &from, module);
         Cancellable([] { return ::usleep(kAfterReceive); });
     }
-    pthread_cleanup_pop(1);
     return nullptr;
 }
 
