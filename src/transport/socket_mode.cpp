@@ -1,10 +1,11 @@
 // Socket mode: one UDP socket and two threads of the agent's own. The send thread runs a send pass a
 // second; the receive thread takes acknowledgements and sends the next datagram of their kind at once.
-// The threads can be cancelled only while they wait (recvfrom, usleep, sleep), never while they hold a
-// lock or a block; the receive thread reads into a buffer on its own stack.
+// The threads act on a cancellation only between the slices of their waits, never while they hold a
+// lock or inside a system call.
 #include "transport/socket_mode.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -30,7 +31,9 @@ static_assert(std::is_integral_v<pthread_t> && sizeof(pthread_t) <= sizeof(uint6
 constexpr size_t kThreadStack = 0x20000;
 constexpr uint32_t kBufferSize = QV_WIRE_SEND_BUFFER_LEN;
 constexpr useconds_t kAfterReceive = 10000;   // 10 ms
-constexpr unsigned kPassInterval = 1;         // seconds
+// Waits are cut in slices, between which a cancellation is acted on: a send pass a second.
+constexpr int kWaitSliceMs = 100;
+constexpr int kSlicesPerPass = 10;
 constexpr char kRecvThreadName[] = "QV_AGENT_RCV";
 constexpr char kSendThreadName[] = "QV_AGENT_SEND";
 constexpr uint32_t kLoopbackIp = INADDR_LOOPBACK;  // host order
@@ -50,14 +53,21 @@ uint16_t PortOfKind(uint32_t k) {
 
 pthread_t ThreadOf(uint64_t id) { return static_cast<pthread_t>(id); }
 
-// Lets the thread be cancelled only inside the waiting call that `wait` makes.
-template <typename Wait>
-auto Cancellable(Wait wait) {
+// Acts on a pending cancellation here, in the thread's own context: the waits themselves run with
+// cancellation disabled, so a cancellation never unwinds out of a system call.
+void CancellationPoint() {
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    auto result = wait();
+    pthread_testcancel();
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    return result;
 }
+
+// Waits up to one slice for a datagram on fd; true when one is there to read.
+bool DatagramWaiting(int fd) {
+    pollfd ready{fd, POLLIN, 0};
+    return ::poll(&ready, 1, kWaitSliceMs) > 0;
+}
+
+void ReleaseBuffer(void *buffer) { QV_AGENT_Free(buffer, nullptr); }
 
 // Thread attributes with the agent's stack size, or default ones when the size cannot be set.
 class ThreadAttr {
@@ -163,17 +173,20 @@ void *QV_AGENT_RecvThreadProc(void *arg) {
     auto *module = static_cast<QvAgentModule *>(arg);
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     prctl(PR_SET_NAME, kRecvThreadName);
-    // On the thread's own stack: a cancelled thread leaves no block behind.
-    uint8_t buffer[kBufferSize];
+    auto *buffer = static_cast<uint8_t *>(QV_AGENT_Malloc(kBufferSize, module));
+    if (buffer == nullptr) return nullptr;
+    pthread_cleanup_push(ReleaseBuffer, buffer);
     for (;;) {
+        CancellationPoint();
+        if (!DatagramWaiting(module->iSockFd)) continue;
         sockaddr_in from{};
         socklen_t fromLen = sizeof from;
-        const ssize_t n = Cancellable([&] {
-            return ::recvfrom(module->iSockFd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&from), &fromLen);
-        });
+        const ssize_t n =
+            ::recvfrom(module->iSockFd, buffer, kBufferSize, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &fromLen);
         if (n >= 1) QV_AGENT_ProcRecvMsg(buffer, static_cast<uint32_t>(n), &from, module);
-        Cancellable([] { return ::usleep(kAfterReceive); });
+        ::usleep(kAfterReceive);
     }
+    pthread_cleanup_pop(1);
     return nullptr;
 }
 
@@ -187,7 +200,10 @@ void *QV_AGENT_SendThreadProc(void *arg) {
         qv::hook::SendKpi(module);
         qv::hook::SimulateKpi(pass, module);
         if (QV_AGENT_IsFileExist(qv::testreport::kMarkerFile) != 0) QV_AGENT_ReportTestLog(module);
-        Cancellable([] { return ::sleep(kPassInterval); });
+        for (int slice = 0; slice < kSlicesPerPass; ++slice) {
+            CancellationPoint();
+            ::usleep(kWaitSliceMs * 1000);
+        }
     }
     return nullptr;
 }
