@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <string>
 #include <vector>
 
 #include "transport_bench.h"
@@ -137,6 +138,26 @@ private:
     sockaddr_in to_{};
 };
 
+// Stops the collector and reports a latency run: its error, or the median and 99th percentile of the
+// probes' latencies (in unit, scale per millisecond), the probes lost and the records per datagram.
+void ReportLatencies(benchmark::State &state, CollectorChild &collector, const ProbeArrivals &arrivals,
+                     const std::vector<int64_t> &reportedAt, const char *error, const std::string &unit, double scale) {
+    CollectorKindStats stats;
+    StopCollector(collector, stats);
+    if (error != nullptr) {
+        state.SkipWithError(error);
+        return;
+    }
+    Latencies l = Collect(arrivals, reportedAt);
+    state.counters["p50_" + unit] = Quantile(l.ms, 0.50) * scale;
+    state.counters["p99_" + unit] = Quantile(l.ms, 0.99) * scale;
+    state.counters["lost"] = static_cast<double>(l.lost);
+    if (stats.datagrams != 0) {
+        state.counters["records_per_datagram"] =
+            static_cast<double>(stats.records) / static_cast<double>(stats.datagrams);
+    }
+}
+
 void BM_MeshModeThroughput(benchmark::State &state) {
     RunThroughput(state, Transport::Mesh, static_cast<uint64_t>(state.range(0)), 2000);
 }
@@ -174,16 +195,7 @@ void BM_MeshModeLatencyAckDriven(benchmark::State &state) {
             }
         }
     }
-    CollectorKindStats stats;
-    StopCollector(collector, stats);
-    if (error != nullptr) {
-        state.SkipWithError(error);
-        return;
-    }
-    Latencies l = Collect(arrivals, reportedAt);
-    state.counters["p50_us"] = Quantile(l.ms, 0.50) * 1000;
-    state.counters["p99_us"] = Quantile(l.ms, 0.99) * 1000;
-    state.counters["lost"] = static_cast<double>(l.lost);
+    ReportLatencies(state, collector, arrivals, reportedAt, error, "us", 1000);
 }
 
 // Latency of reports spaced 20 to 80 ms apart (about 15 s for all): the list is empty whenever an
@@ -219,20 +231,7 @@ void BM_MeshModeLatencyNextTick(benchmark::State &state) {
             error = "the collector ended";
         }
     }
-    CollectorKindStats stats;
-    StopCollector(collector, stats);
-    if (error != nullptr) {
-        state.SkipWithError(error);
-        return;
-    }
-    Latencies l = Collect(arrivals, reportedAt);
-    state.counters["p50_ms"] = Quantile(l.ms, 0.50);
-    state.counters["p99_ms"] = Quantile(l.ms, 0.99);
-    state.counters["lost"] = static_cast<double>(l.lost);
-    if (stats.datagrams != 0) {
-        state.counters["records_per_datagram"] =
-            static_cast<double>(stats.records) / static_cast<double>(stats.datagrams);
-    }
+    ReportLatencies(state, collector, arrivals, reportedAt, error, "ms", 1);
 }
 
 // CPU time of the whole process over 10 s with an initialised agent in mesh mode and nothing to send,
