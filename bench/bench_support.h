@@ -3,6 +3,8 @@
 #ifndef QV_BENCH_SUPPORT_H
 #define QV_BENCH_SUPPORT_H
 
+#include <benchmark/benchmark.h>
+
 #include "qvagent/qvagent.h"
 
 namespace qvbench {
@@ -15,6 +17,23 @@ void DrainLists(QvAgentModule *module);
 
 // Drain every this many iterations, outside the timed region.
 constexpr int kDrainEvery = 4096;
+
+// Times report() per iteration, draining the lists every kDrainEvery reports outside the timed region
+// so that the list limit never stops a report.
+template <typename Report>
+void RunReports(benchmark::State &state, Report report) {
+    QvAgentModule *module = Agent();
+    int n = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(report(module));
+        if (++n % kDrainEvery == 0) {
+            state.PauseTiming();
+            DrainLists(module);
+            state.ResumeTiming();
+        }
+    }
+    DrainLists(module);
+}
 
 }  // namespace qvbench
 

@@ -6,21 +6,13 @@
 
 namespace {
 
-void DrainNow(benchmark::State &state, QvAgentModule *module) {
-    state.PauseTiming();
-    qvbench::DrainLists(module);
-    state.ResumeTiming();
-}
-
 void BM_LogObject(benchmark::State &state) {
-    QvAgentModule *module = qvbench::Agent();
     uint32_t port = 7;
     uint16_t vlan = 100;
     uint32_t speed = 10000;
     uint32_t state1 = 1;
     char text[] = "link down";
-    int n = 0;
-    for (auto _ : state) {
+    qvbench::RunReports(state, [&](QvAgentModule *module) {
         QvAgentObj *obj = nullptr;
         QV_Agent_ObjCreate(1, 0x1234, &obj, module);
         QV_Agent_AddOption(obj, 100, sizeof port, &port, module);
@@ -28,15 +20,12 @@ void BM_LogObject(benchmark::State &state) {
         QV_Agent_AddPara(obj, 6, sizeof speed, &speed, module);
         QV_Agent_AddPara(obj, 6, sizeof state1, &state1, module);
         QV_Agent_AddPara(obj, 25, sizeof text, text, module);
-        benchmark::DoNotOptimize(QV_Agent_Send(obj, module));
-        if (++n % qvbench::kDrainEvery == 0) DrainNow(state, module);
-    }
-    qvbench::DrainLists(module);
+        return QV_Agent_Send(obj, module);
+    });
 }
 BENCHMARK(BM_LogObject)->Threads(1)->Threads(2)->UseRealTime();
 
 void BM_Alarm(benchmark::State &state) {
-    QvAgentModule *module = qvbench::Agent();
     QvAgentSysTime time{};
     QV_AGENT_GMT_SystimeGet(&time);
     QvAgentAlarmComAttr attr{};
@@ -44,17 +33,14 @@ void BM_Alarm(benchmark::State &state) {
     attr.pstTime = &time;
     uint32_t slot = 3;
     char text[] = "fan failure";
-    int n = 0;
-    for (auto _ : state) {
+    qvbench::RunReports(state, [&](QvAgentModule *module) {
         QvAgentObj *obj = nullptr;
         QV_Agent_ObjCreate(5, 0x5678, &obj, module);
         QV_Agent_SetAlarmComAttr(obj, &attr, module);
         QV_Agent_AddPara(obj, 6, sizeof slot, &slot, module);
         QV_Agent_AddPara(obj, 25, sizeof text, text, module);
-        benchmark::DoNotOptimize(QV_Agent_Send(obj, module));
-        if (++n % qvbench::kDrainEvery == 0) DrainNow(state, module);
-    }
-    qvbench::DrainLists(module);
+        return QV_Agent_Send(obj, module);
+    });
 }
 BENCHMARK(BM_Alarm)->Threads(1)->Threads(2)->UseRealTime();
 

@@ -10,28 +10,13 @@ namespace {
 
 const char kText64[] = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
 
-template <typename Report>
-void RunReports(benchmark::State &state, Report report) {
-    QvAgentModule *module = qvbench::Agent();
-    int n = 0;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(report());
-        if (++n % qvbench::kDrainEvery == 0) {
-            state.PauseTiming();
-            qvbench::DrainLists(module);
-            state.ResumeTiming();
-        }
-    }
-    qvbench::DrainLists(module);
-}
-
 void BM_ReportLogById(benchmark::State &state) {
-    RunReports(state, [] { return QV_Agent_ReportLogById(4, 0x1234, "port %u down", 7u); });
+    qvbench::RunReports(state, [](QvAgentModule *) { return QV_Agent_ReportLogById(4, 0x1234, "port %u down", 7u); });
 }
 BENCHMARK(BM_ReportLogById);
 
 void BM_ReportLogByIdSixConversions(benchmark::State &state) {
-    RunReports(state, [] {
+    qvbench::RunReports(state, [](QvAgentModule *) {
         return QV_Agent_ReportLogById(4, 0x1235, "%d %u %x %s %c %_ipv4", -5, 7u, 0xBEEFu, kText64, 'z', 0x0A000001u);
     });
 }
@@ -39,7 +24,7 @@ BENCHMARK(BM_ReportLogByIdSixConversions);
 
 void BM_Debug(benchmark::State &state) {
     const QvAgentDebugKey key{1, 2};
-    RunReports(state, [&] { return QV_Agent_Debug(&key, "fan speed", 0x4000, "%u", 3000u); });
+    qvbench::RunReports(state, [&](QvAgentModule *) { return QV_Agent_Debug(&key, "fan speed", 0x4000, "%u", 3000u); });
 }
 BENCHMARK(BM_Debug);
 
