@@ -45,6 +45,28 @@ extern "C" {
 #define QV_WIRE_MAX_LIST_DATAGRAM 8096u /* bound of a datagram packed from a send list */
 #define QV_WIRE_SEND_BUFFER_LEN 65535u
 
+/* ---- blackbox file: a 32-byte head, then the data area; u32 fields in the device's order ---- */
+#define QV_BOX_HEAD_VALID_OFF 0u
+#define QV_BOX_HEAD_CAPACITY_OFF 4u
+#define QV_BOX_HEAD_READ_POS_OFF 8u
+#define QV_BOX_HEAD_WRITE_POS_OFF 12u
+#define QV_BOX_HEAD_USED_LEN_OFF 16u
+#define QV_BOX_HEAD_COMMIT_POS_OFF 20u
+#define QV_BOX_HEAD_READED_LEN_OFF 24u
+#define QV_BOX_HEAD_LEN 32u           /* the data area starts here */
+#define QV_BOX_HEAD_VALID 1u
+#define QV_BOX_REC_LEN_OFF 0u         /* u32: the record's length, this head not included */
+#define QV_BOX_REC_MAGIC_OFF 4u       /* u32 */
+#define QV_BOX_REC_HEAD_LEN 8u
+#define QV_BOX_REC_MAGIC 0xAABBCCDDu
+#define QV_BOX_CAPACITY_SMALL 0x8000u   /* file system up to QV_BOX_FS_SMALL bytes */
+#define QV_BOX_CAPACITY_MEDIUM 0x10000u /* file system up to QV_BOX_FS_MEDIUM bytes */
+#define QV_BOX_CAPACITY_LARGE 0x20000u  /* larger file systems */
+#define QV_BOX_CAPACITY_FRAME 0x40000u  /* service type "tzk_frm" */
+#define QV_BOX_FS_SMALL 0x500000u
+#define QV_BOX_FS_MEDIUM 0xA00000u
+#define QV_BOX_READ_BODY_MAX 8096u      /* reading stops once more than this was copied */
+
 /* ---- records: host byte order, carried unchanged inside datagrams and the blackbox ---- */
 #define QV_REC_TYPE_OFF 0u          /* u16: QV_REC_TYPE_* */
 #define QV_REC_LEN_OFF 2u           /* u16: head + options + parameters (+ debug tail) */

@@ -1,18 +1,30 @@
-// The blackbox: the per-service file-backed ring of log records that outlives the process.
+// The blackbox inside the agent: the helpers its files share.
 #ifndef QV_BLACKBOX_BLACKBOX_H
 #define QV_BLACKBOX_BLACKBOX_H
 
 #include <cstdint>
 
-#include "qvagent/qv_agent_init.h"
+#include "qvagent/qv_agent_blackbox.h"
 
-extern "C" {
+namespace qv::box {
 
-// Writes "/opt/zanthe/var/LOG_<service type>_blackbox" into name (size bytes). 0; 1 when the service
-// type is not set or the name does not fit (the name is then empty); QV_AGENT_ERR_PARAM for a null
-// buffer.
-uint32_t QV_AGENT_GetFileBufName(char *name, int32_t size);
+// Reads the head, initialising (and writing) it when it is not valid for this start. False when the
+// head cannot be transferred.
+bool LoadHead(QvAgentLogBox *box, QvAgentBoxHead &head);
 
+// Empties the box: a fresh head, written. False when it cannot be written.
+bool Reset(QvAgentLogBox *box, QvAgentBoxHead &head);
+
+// Writes a record head and its record at data-area position pos: one system call unless the pair
+// wraps or the write falls short. False when either is not written whole.
+bool WriteRecord(QvAgentLogBox *box, const QvAgentBoxHead &head, uint32_t pos, const uint8_t *recordHead,
+                 const uint8_t *record, uint32_t len);
+
+// Position pos advanced by len bytes around the data area.
+inline uint32_t Advance(const QvAgentBoxHead &head, uint32_t pos, uint32_t len) {
+    return static_cast<uint32_t>((uint64_t{pos} + len) % head.uiCapacity);
 }
+
+}  // namespace qv::box
 
 #endif

@@ -6,7 +6,6 @@
 
 #include "blackbox/blackbox.h"
 #include "core/memory_internal.h"
-#include "core/module_hooks.h"
 #include "core/mutex_guard.h"
 #include "qvagent/qv_agent_event.h"
 #include "qvagent/qv_agent_memory.h"
@@ -192,7 +191,7 @@ uint32_t QV_AGENT_CreateModuleLogFileBufferInit(QvAgentModule *module) {
     if (module->szBlackboxFile[0] == '\0' || Contains(module->szBlackboxFile, kBlackboxNeverUsed)) {
         return QV_AGENT_OK;
     }
-    if (qv::hook::InitLogBlackbox(module) == QV_AGENT_OK) module->bBlackboxEnable = 1;
+    if (QV_AGENT_InitLogBlackbox(module) == QV_AGENT_OK) module->bBlackboxEnable = 1;
     return QV_AGENT_OK;
 }
 

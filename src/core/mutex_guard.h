@@ -8,13 +8,19 @@ namespace qv {
 
 class MutexGuard {
 public:
-    explicit MutexGuard(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
-    ~MutexGuard() { pthread_mutex_unlock(&mutex_); }
+    explicit MutexGuard(pthread_mutex_t &mutex) : mutex_(mutex), locked_(pthread_mutex_lock(&mutex_) == 0) {}
+    ~MutexGuard() {
+        if (locked_) pthread_mutex_unlock(&mutex_);
+    }
     MutexGuard(const MutexGuard &) = delete;
     MutexGuard &operator=(const MutexGuard &) = delete;
 
+    // False when the lock could not be taken (the guard then releases nothing).
+    bool locked() const { return locked_; }
+
 private:
     pthread_mutex_t &mutex_;
+    bool locked_;
 };
 
 }  // namespace qv

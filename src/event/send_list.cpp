@@ -5,8 +5,8 @@
 #include <atomic>
 #include <cstring>
 
-#include "core/module_hooks.h"
 #include "core/mutex_guard.h"
+#include "qvagent/qv_agent_blackbox.h"
 #include "qvagent/qv_agent_event.h"
 #include "qvagent/qv_agent_memory.h"
 #include "qvagent/qv_agent_wire.h"
@@ -16,7 +16,6 @@
 namespace {
 
 // What the blackbox answers when it has no room: the record goes to the in-memory list instead.
-constexpr uint32_t kBlackboxFull = 0xFFFFFFFAu;
 
 // The record copy follows the item in the same block, aligned as the allocator aligns blocks.
 constexpr uint32_t kItemSize = (sizeof(QvAgentListItem) + 15u) & ~15u;
@@ -90,8 +89,8 @@ uint32_t QV_AGENT_AddSendBuf(const uint8_t *record, uint32_t len, uint32_t k, Qv
     if (k == QV_AGENT_MSG_DEBUG && DebugCapReached(module)) return QV_AGENT_ERR_LIST_FULL;
     qv::MutexGuard guard(module->stListMutex);
     if (k == QV_AGENT_MSG_LOG && module->bBlackboxEnable != 0) {
-        const uint32_t rc = qv::hook::WriteBlackbox(record, len);
-        if (rc != kBlackboxFull) return rc;
+        const uint32_t rc = QV_AGENT_WriteBlackbox(record, len);
+        if (rc != QV_AGENT_BOX_FULL) return rc;
     }
     // A record that no datagram could carry would block its list for good: it never enters it.
     if (len > qv::sendlist::MaxRecordLen(k)) return QV_AGENT_ERR_NO_ROOM;

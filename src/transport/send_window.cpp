@@ -7,8 +7,9 @@
 #include <cstring>
 
 #include "core/bytes.h"
-#include "core/module_hooks.h"
+#include "blackbox/blackbox.h"
 #include "core/mutex_guard.h"
+#include "qvagent/qv_agent_event.h"
 #include "qvagent/qv_agent_memory.h"
 #include "qvagent/qv_agent_wire.h"
 #include "qvplatform/qv_bounded.h"
@@ -59,7 +60,36 @@ namespace qv::window {
 void ReleaseAcknowledged(QvAgentModule *module, uint32_t k) {
     QvAgentSendList &list = module->astSendList[k];
     QV_AGENT_FreeResendMsg(&list, module);
-    if (k == QV_AGENT_MSG_LOG && module->bBlackboxEnable != 0) qv::hook::CommitBlackbox(list, module);
+    if (k == QV_AGENT_MSG_LOG && module->bBlackboxEnable != 0) {
+        QV_AGENT_ClearReadedBoxData();
+        QV_AGENT_MoveDataList2Box(&list, module);
+    }
+}
+
+// The per-pass record counters are read without the list mutex by service threads (the debug cap), so
+// every access is atomic.
+namespace {
+
+uint32_t &PassCounter(QvAgentModule *module, int32_t k) {
+    return k == static_cast<int32_t>(QV_AGENT_MSG_DEBUG) ? module->uiDebugSendCnt : module->uiLogSendCnt;
+}
+
+bool CountsAgainstPassCap(int32_t k) {
+    return k == static_cast<int32_t>(QV_AGENT_MSG_LOG) || k == static_cast<int32_t>(QV_AGENT_MSG_DEBUG);
+}
+
+}  // namespace
+
+bool PassCapReached(QvAgentModule *module, int32_t k) {
+    return CountsAgainstPassCap(k) &&
+           std::atomic_ref<uint32_t>(PassCounter(module, k)).load(std::memory_order_relaxed) >=
+               QV_AGENT_SEND_PASS_CAP;
+}
+
+void CountPacked(QvAgentModule *module, int32_t k) {
+    if (CountsAgainstPassCap(k)) {
+        std::atomic_ref<uint32_t>(PassCounter(module, k)).fetch_add(1, std::memory_order_relaxed);
+    }
 }
 
 void ClearPassCounters(QvAgentModule *module) {
@@ -84,7 +114,7 @@ uint32_t QV_AGETN_IsNeedSendMsg(int32_t k, QvAgentSendList *list, QvAgentModule 
         return 1;
     }
     if (list->uiCount != 0) return 1;
-    return k == static_cast<int32_t>(QV_AGENT_MSG_LOG) && !qv::hook::BlackboxIsEmpty() ? 1 : 0;
+    return k == static_cast<int32_t>(QV_AGENT_MSG_LOG) && QV_AGENT_BlackboxIsEmpty() == 0 ? 1 : 0;
 }
 
 uint32_t QV_AGENT_AddRetransMsg(QvAgentSendList *list, const uint8_t *msg, uint32_t len, QvAgentModule *module) {

@@ -44,6 +44,12 @@ namespace qv::window {
 // blackbox in use, commits the blackbox. The caller holds stListMutex.
 void ReleaseAcknowledged(QvAgentModule *module, uint32_t k);
 
+// Whether kind k has packed its share of this send pass (log and debug kinds: 200 records).
+bool PassCapReached(QvAgentModule *module, int32_t k);
+
+// Counts one record of kind k packed in this send pass.
+void CountPacked(QvAgentModule *module, int32_t k);
+
 // Clears the per-pass record counters without the list mutex.
 void ClearPassCounters(QvAgentModule *module);
 

@@ -2,14 +2,13 @@
 // whole records, and the checks that an acknowledgement from the collector must pass.
 #include "transport/wire_msg.h"
 
-#include <atomic>
-
+#include "blackbox/blackbox.h"
 #include "core/bytes.h"
-#include "core/module_hooks.h"
 #include "event/send_list.h"
 #include "qvagent/qv_agent_event.h"
 #include "qvagent/qv_agent_types.h"
 #include "qvplatform/qv_bounded.h"
+#include "transport/send_window.h"
 
 namespace {
 
@@ -21,38 +20,16 @@ using qv::bytes::StoreLe16;
 
 uint32_t NextSeqNo(uint32_t seqNo) { return seqNo == UINT32_MAX ? 1u : seqNo + 1; }
 
-// The per-pass record counters are read without the list mutex by service threads (the debug cap), so
-// every access is atomic.
-uint32_t &PassCounter(QvAgentModule *module, int32_t k) {
-    return k == static_cast<int32_t>(QV_AGENT_MSG_DEBUG) ? module->uiDebugSendCnt : module->uiLogSendCnt;
-}
-
-bool CountsAgainstPassCap(int32_t k) {
-    return k == static_cast<int32_t>(QV_AGENT_MSG_LOG) || k == static_cast<int32_t>(QV_AGENT_MSG_DEBUG);
-}
-
-bool PassCapReached(QvAgentModule *module, int32_t k) {
-    return CountsAgainstPassCap(k) &&
-           std::atomic_ref<uint32_t>(PassCounter(module, k)).load(std::memory_order_relaxed) >=
-               QV_AGENT_SEND_PASS_CAP;
-}
-
-void CountPacked(QvAgentModule *module, int32_t k) {
-    if (CountsAgainstPassCap(k)) {
-        std::atomic_ref<uint32_t>(PassCounter(module, k)).fetch_add(1, std::memory_order_relaxed);
-    }
-}
-
 // Moves records from the head of the list behind the datagram's end while they fit; the new end.
 uint32_t PackFromList(int32_t k, QvAgentSendList &list, uint8_t *buf, uint32_t size, uint32_t end,
                       QvAgentModule *module) {
     while (QvAgentListItem *item = qv::sendlist::First(list)) {
-        if (PassCapReached(module, k) || end + item->uiLen > QV_WIRE_MAX_LIST_DATAGRAM) break;
+        if (qv::window::PassCapReached(module, k) || end + item->uiLen > QV_WIRE_MAX_LIST_DATAGRAM) break;
         if (item->uiLen != 0 && memcpy_s(buf + end, size - end, item->pucData, item->uiLen) != QV_EOK) break;
         end += item->uiLen;
         qv::sendlist::Unlink(list, item);
         qv::sendlist::Release(item, module);
-        CountPacked(module, k);
+        qv::window::CountPacked(module, k);
     }
     return end;
 }
@@ -94,7 +71,10 @@ uint32_t QV_AGENT_AssembleMsgBody(int32_t k, QvAgentSendList *list, uint8_t *buf
     if (head > size) return QV_AGENT_ERR_PARAM;
     uint32_t end = head;
     if (k == static_cast<int32_t>(QV_AGENT_MSG_LOG) && module->bBlackboxEnable != 0) {
-        end += qv::hook::ReadBlackbox(buf + head, size - head, module);
+        uint32_t space = size - head;
+        uint32_t got = 0;
+        QV_AGENT_ReadBlackbox(buf + head, &space, &got, module);
+        if (got != 0) end += space;
     } else {
         end = PackFromList(k, *list, buf, size, head, module);
     }

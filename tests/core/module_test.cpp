@@ -229,13 +229,15 @@ TEST_F(ModuleTest, BlackboxNameFollowsTheServiceType) {
     struct Case {
         const char *serviceType;  // null: unset
         const char *expectName;
+        uint32_t expectEnable;
+        bool expectOpen;  // the file is open, whether or not it queues records
     };
     const Case cases[] = {
-        {nullptr, ""},
-        {"tzk_frm", "/opt/zanthe/var/LOG_tzk_frm_blackbox"},
-        {"lmo_xvd", "/opt/zanthe/var/LOG_lmo_xvd_blackbox"},
-        {"ukt", "/opt/zanthe/var/LOG_ukt_blackbox"},
-        {longType.c_str(), ""},
+        {nullptr, "", 0, false},
+        {"tzk_frm", "/opt/zanthe/var/LOG_tzk_frm_blackbox", 1, true},
+        {"lmo_xvd", "/opt/zanthe/var/LOG_lmo_xvd_blackbox", 0, true},
+        {"ukt", "/opt/zanthe/var/LOG_ukt_blackbox", 0, false},
+        {longType.c_str(), "", 0, false},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.serviceType == nullptr ? "unset" : c.serviceType);
@@ -245,7 +247,8 @@ TEST_F(ModuleTest, BlackboxNameFollowsTheServiceType) {
         QvAgentModule *m = QV_Agent_Init(&desc);
         ASSERT_NE(m, nullptr);
         EXPECT_STREQ(m->szBlackboxFile, c.expectName);
-        EXPECT_EQ(m->bBlackboxEnable, 0u);
+        EXPECT_EQ(m->bBlackboxEnable, c.expectEnable);
+        EXPECT_EQ(g_pstQvAgentLogBox != nullptr, c.expectOpen);
     }
 }
 

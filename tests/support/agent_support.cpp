@@ -2,6 +2,7 @@
 #include "agent_support.h"
 
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +27,15 @@ QvAgentServiceDesc MakeDesc(const std::string &name, uint32_t serviceId, uint32_
     return desc;
 }
 
+void CloseBlackbox(QvAgentModule *module) {
+    QvAgentLogBox *box = g_pstQvAgentLogBox;
+    if (box == nullptr) return;
+    g_pstQvAgentLogBox = nullptr;
+    ::close(box->iFd);
+    pthread_mutex_destroy(&box->stMutex);
+    QV_AGENT_Free(box, module);
+}
+
 void ReleaseModule() {
     QvAgentModule *module = QV_Agent_GetHandle();
     if (module == nullptr) return;
@@ -45,6 +55,7 @@ void ReleaseModule() {
     for (QvAgentSendList &list : module->astSendList) QV_AGENT_FreeResendMsg(&list, module);
     DrainLists(module);
     QV_AGENT_DiagNodeDelete(module);
+    CloseBlackbox(module);
     QV_AGENT_Free(module->pstSchedCtrl, module);
     pthread_mutex_destroy(&module->stListMutex);
     pthread_mutex_destroy(&module->stDiagMutex);
