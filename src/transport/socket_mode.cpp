@@ -11,8 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
+#include <atomic>
 #include <cstring>
 #include <type_traits>
 
@@ -53,6 +52,23 @@ uint16_t PortOfKind(uint32_t k) {
 
 pthread_t ThreadOf(uint64_t id) { return static_cast<pthread_t>(id); }
 
+// The life of each of the two threads. A body marks its own end (by returning or by cancellation), so
+// the recovery knows a dead thread without asking the C library about an identifier that may already
+// be gone, and reaps it before starting another.
+enum class Life { Running, Ended, Joined };
+constexpr size_t kRoleCount = 2;
+std::atomic<Life> g_life[kRoleCount] = {Life::Joined, Life::Joined};
+std::atomic<qv::socketmode::EndHook> g_endHook{nullptr};
+
+void MarkEnded(void *life) { static_cast<std::atomic<Life> *>(life)->store(Life::Ended, std::memory_order_release); }
+
+bool BodyShouldEnd(qv::socketmode::Role role) {
+    const qv::socketmode::EndHook hook = g_endHook.load(std::memory_order_acquire);
+    return hook != nullptr && hook(role);
+}
+
+std::atomic<Life> &LifeOf(qv::socketmode::Role role) { return g_life[static_cast<size_t>(role)]; }
+
 // Acts on a pending cancellation here, in the thread's own context: the waits themselves run with
 // cancellation disabled, so a cancellation never unwinds out of a system call.
 void CancellationPoint() {
@@ -91,19 +107,38 @@ private:
     bool ok_;
 };
 
-bool Start(const ThreadAttr &attr, void *(*body)(void *), QvAgentModule *module, uint64_t &id) {
+using qv::socketmode::Role;
+
+bool Start(const ThreadAttr &attr, Role role, QvAgentModule *module, uint64_t &id) {
+    void *(*const body)(void *) = role == Role::Receive ? QV_AGENT_RecvThreadProc : QV_AGENT_SendThreadProc;
+    LifeOf(role).store(Life::Running, std::memory_order_release);
     pthread_t thread;
-    if (pthread_create(&thread, attr.get(), body, module) != 0) return false;
+    if (pthread_create(&thread, attr.get(), body, module) != 0) {
+        LifeOf(role).store(Life::Joined, std::memory_order_release);
+        return false;
+    }
     id = static_cast<uint64_t>(thread);
     return true;
 }
 
-bool IsGone(uint64_t id) { return pthread_kill(ThreadOf(id), 0) == ESRCH; }
+// Whether the thread of role has ended (or never started); an ended one is joined, so its resources
+// come back before another takes its place.
+bool ReapIfGone(Role role, uint64_t id) {
+    if (id == 0) return true;
+    const Life life = LifeOf(role).load(std::memory_order_acquire);
+    if (life == Life::Running) return false;
+    if (life == Life::Ended) pthread_join(ThreadOf(id), nullptr);
+    LifeOf(role).store(Life::Joined, std::memory_order_release);
+    return true;
+}
 
-uint32_t StopThread(uint64_t id) {
-    if (id == 0) return 0;
+// Cancels and joins the thread of role unless it was joined already; the join's result.
+uint32_t StopThread(Role role, uint64_t id) {
+    if (id == 0 || LifeOf(role).load(std::memory_order_acquire) == Life::Joined) return 0;
     pthread_cancel(ThreadOf(id));
-    return static_cast<uint32_t>(pthread_join(ThreadOf(id), nullptr));
+    const int rc = pthread_join(ThreadOf(id), nullptr);
+    LifeOf(role).store(Life::Joined, std::memory_order_release);
+    return static_cast<uint32_t>(rc);
 }
 
 }  // namespace
@@ -169,14 +204,12 @@ uint32_t QV_AGENT_SendMsg(uint32_t k, QvAgentModule *module) {
     return QV_AGENT_OK;
 }
 
-void *QV_AGENT_RecvThreadProc(void *arg) {
-    auto *module = static_cast<QvAgentModule *>(arg);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    prctl(PR_SET_NAME, kRecvThreadName);
-    auto *buffer = static_cast<uint8_t *>(QV_AGENT_Malloc(kBufferSize, module));
-    if (buffer == nullptr) return nullptr;
+namespace {
+
+// The receive thread's loop, with its buffer released however the thread ends.
+void ReceiveLoop(QvAgentModule *module, uint8_t *buffer) {
     pthread_cleanup_push(ReleaseBuffer, buffer);
-    for (;;) {
+    while (!BodyShouldEnd(Role::Receive)) {
         CancellationPoint();
         if (!DatagramWaiting(module->iSockFd)) continue;
         sockaddr_in from{};
@@ -187,14 +220,10 @@ void *QV_AGENT_RecvThreadProc(void *arg) {
         ::usleep(kAfterReceive);
     }
     pthread_cleanup_pop(1);
-    return nullptr;
 }
 
-void *QV_AGENT_SendThreadProc(void *arg) {
-    auto *module = static_cast<QvAgentModule *>(arg);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    prctl(PR_SET_NAME, kSendThreadName);
-    for (uint32_t pass = 0;; ++pass) {
+void SendLoop(QvAgentModule *module) {
+    for (uint32_t pass = 0; !BodyShouldEnd(Role::Send); ++pass) {
         QV_AGENT_ClearSendCountInfo(module);
         for (uint32_t k : kPassOrder) QV_AGENT_SendMsg(k, module);
         qv::hook::SendKpi(module);
@@ -205,17 +234,39 @@ void *QV_AGENT_SendThreadProc(void *arg) {
             ::usleep(kWaitSliceMs * 1000);
         }
     }
+}
+
+}  // namespace
+
+void *QV_AGENT_RecvThreadProc(void *arg) {
+    auto *module = static_cast<QvAgentModule *>(arg);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    prctl(PR_SET_NAME, kRecvThreadName);
+    pthread_cleanup_push(MarkEnded, &LifeOf(Role::Receive));
+    auto *buffer = static_cast<uint8_t *>(QV_AGENT_Malloc(kBufferSize, module));
+    if (buffer != nullptr) ReceiveLoop(module, buffer);
+    pthread_cleanup_pop(1);
+    return nullptr;
+}
+
+void *QV_AGENT_SendThreadProc(void *arg) {
+    auto *module = static_cast<QvAgentModule *>(arg);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    prctl(PR_SET_NAME, kSendThreadName);
+    pthread_cleanup_push(MarkEnded, &LifeOf(Role::Send));
+    SendLoop(module);
+    pthread_cleanup_pop(1);
     return nullptr;
 }
 
 uint32_t QV_AGENT_CreateThread(QvAgentModule *module) {
     if (module == nullptr) return QV_AGENT_ERR_PARAM;
     ThreadAttr attr;
-    if (!attr.ok() || !Start(attr, QV_AGENT_RecvThreadProc, module, module->ulRecvThread)) {
+    if (!attr.ok() || !Start(attr, Role::Receive, module, module->ulRecvThread)) {
         return QV_AGENT_ERR_THREAD;
     }
-    if (!Start(attr, QV_AGENT_SendThreadProc, module, module->ulSendThread)) {
-        StopThread(module->ulRecvThread);
+    if (!Start(attr, Role::Send, module, module->ulSendThread)) {
+        StopThread(Role::Receive, module->ulRecvThread);
         return QV_AGENT_ERR_THREAD;
     }
     return QV_AGENT_OK;
@@ -225,10 +276,10 @@ uint32_t QV_AGENT_RecoveryThread(QvAgentModule *module) {
     if (module == nullptr) return QV_AGENT_ERR_PARAM;
     ThreadAttr attr;
     if (!attr.ok()) return QV_AGENT_ERR_THREAD;
-    if (IsGone(module->ulRecvThread) && !Start(attr, QV_AGENT_RecvThreadProc, module, module->ulRecvThread)) {
+    if (ReapIfGone(Role::Receive, module->ulRecvThread) && !Start(attr, Role::Receive, module, module->ulRecvThread)) {
         return QV_AGENT_ERR_RECOVERY;
     }
-    if (IsGone(module->ulSendThread) && !Start(attr, QV_AGENT_SendThreadProc, module, module->ulSendThread)) {
+    if (ReapIfGone(Role::Send, module->ulSendThread) && !Start(attr, Role::Send, module, module->ulSendThread)) {
         return QV_AGENT_ERR_RECOVERY;
     }
     return QV_AGENT_OK;
@@ -236,6 +287,12 @@ uint32_t QV_AGENT_RecoveryThread(QvAgentModule *module) {
 
 uint32_t QV_AGENT_DeleteThread(QvAgentModule *module) {
     if (module == nullptr) return QV_AGENT_ERR_PARAM;
-    StopThread(module->ulRecvThread);
-    return StopThread(module->ulSendThread);
+    StopThread(Role::Receive, module->ulRecvThread);
+    return StopThread(Role::Send, module->ulSendThread);
 }
+
+namespace qv::socketmode {
+
+void SetEndHookForTest(EndHook hook) { g_endHook.store(hook, std::memory_order_release); }
+
+}  // namespace qv::socketmode

@@ -23,16 +23,28 @@ uint32_t QV_AGENT_SendMsg(uint32_t k, QvAgentModule *module);
 uint32_t QV_AGENT_GetMainAddr(struct sockaddr_in *addr, uint32_t k, QvAgentModule *module);
 // The collector's IPv4 address in network order: the main board's, or 127.0.0.1 while unknown.
 uint32_t QV_AGENT_GetIpAddr(QvAgentModule *module);
-// Thread bodies; the argument is the module record. They run until cancelled.
+// Thread bodies; the argument is the module record. They run until cancelled, and mark their end
+// for QV_AGENT_RecoveryThread however they end.
 void *QV_AGENT_RecvThreadProc(void *module);
 void *QV_AGENT_SendThreadProc(void *module);
 // Starts both threads (128 KiB stacks). 0, or QV_AGENT_ERR_THREAD with neither left running.
 uint32_t QV_AGENT_CreateThread(QvAgentModule *module);
-// Re-creates a thread of the pair that no longer exists. 0; QV_AGENT_ERR_THREAD; QV_AGENT_ERR_RECOVERY.
+// Re-creates a thread of the pair that has ended (joining it first) or was never started. 0; QV_AGENT_ERR_THREAD; QV_AGENT_ERR_RECOVERY.
 uint32_t QV_AGENT_RecoveryThread(QvAgentModule *module);
 // Cancels and joins both threads; the socket stays open. 0, or the result of joining.
 uint32_t QV_AGENT_DeleteThread(QvAgentModule *module);
 
 }
+
+namespace qv::socketmode {
+
+enum class Role { Receive, Send };
+
+// Test seam: asked by each thread body before every turn of its loop; true makes that thread end
+// there, as a thread that dies does. Null (the default) never ends them.
+using EndHook = bool (*)(Role role);
+void SetEndHookForTest(EndHook hook);
+
+}  // namespace qv::socketmode
 
 #endif

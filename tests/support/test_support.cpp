@@ -1,8 +1,10 @@
 // Helpers shared by the test programs.
 #include "test_support.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -38,6 +40,25 @@ std::string ReadFile(const std::string &path) {
 bool FileExists(const std::string &path) {
     struct stat st;
     return ::stat(path.c_str(), &st) == 0;
+}
+
+std::map<int, std::string> Threads() {
+    std::map<int, std::string> threads;
+    DIR *dir = ::opendir("/proc/self/task");
+    while (dirent *e = dir != nullptr ? ::readdir(dir) : nullptr) {
+        if (e->d_name[0] == '.') continue;
+        std::string comm = ReadFile(std::string("/proc/self/task/") + e->d_name + "/comm");
+        if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+        threads[std::atoi(e->d_name)] = comm;
+    }
+    if (dir != nullptr) ::closedir(dir);
+    return threads;
+}
+
+std::set<std::string> ThreadNames() {
+    std::set<std::string> names;
+    for (const auto &[tid, name] : Threads()) names.insert(name);
+    return names;
 }
 
 }  // namespace qvtest

@@ -3,6 +3,8 @@
 #define QV_TEST_SUPPORT_H
 
 #include <cstdint>
+#include <map>
+#include <set>
 #include <string>
 
 namespace qvtest {
@@ -13,6 +15,13 @@ bool OptIsPrivateTmpfs();
 // Whole contents of a file, or an empty string when it cannot be read.
 std::string ReadFile(const std::string &path);
 bool FileExists(const std::string &path);
+
+// This process's threads that exist now, by kernel thread id, with their names.
+std::map<int, std::string> Threads();
+
+// The names of this process's threads that exist now (a thread that has returned is gone from here
+// even before it is joined).
+std::set<std::string> ThreadNames();
 
 }  // namespace qvtest
 

@@ -15,6 +15,7 @@
 #include "collector_process.h"
 #include "core/mutex_guard.h"
 #include "module_fixture.h"
+#include "test_support.h"
 #include "transport/socket_mode.h"
 
 namespace {
@@ -148,6 +149,56 @@ TEST_F(AgentEndToEnd, UnacknowledgedDatagramArrivesAgainWithItsNumber) {
     EXPECT_EQ(Field(starts[1], "seq"), "1") << "the same datagram again";
     EXPECT_EQ(Field(starts[1], "event"), "duplicate") << starts[1];
     QV_AGENT_DeleteThread(m);
+    m->ulRecvThread = m->ulSendThread = 0;
+}
+
+// The kernel thread id of the thread of that name, or 0 when there is none.
+int ThreadId(const std::string &name) {
+    for (const auto &[tid, threadName] : qvtest::Threads()) {
+        if (threadName == name) return tid;
+    }
+    return 0;
+}
+
+// Waits until the receive thread is present (true) or gone (false); whether it came to that.
+bool WaitForReceiveThread(bool present) {
+    for (int i = 0; i < 400; ++i) {
+        if ((ThreadId("QV_AGENT_RCV") != 0) == present) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+TEST_F(AgentEndToEnd, SocketModeRecoveryRestartsADeadThreadAndNothingIsLost) {
+    auto collector = StartCollector({});
+    QvAgentModule *m = qvtest::InitWithoutScheduler(Desc());
+    ASSERT_NE(m, nullptr);
+    ASSERT_EQ(QV_Agent_SetMainBoardIP(m, htonl(INADDR_LOOPBACK)), QV_AGENT_OK);
+    const std::vector<Expect> before = ReportEveryKind(m, 0x8000);
+    ASSERT_EQ(QV_AGENT_CreateModuleRecovery(m), QV_AGENT_OK);
+    ASSERT_EQ(Records(*collector, before.size() + 1, 10000).size(), before.size() + 1);
+    ASSERT_TRUE(WaitForReceiveThread(true));
+    const int recv = ThreadId("QV_AGENT_RCV"), send = ThreadId("QV_AGENT_SEND");
+    EXPECT_EQ(QV_AGENT_RecoveryThread(m), QV_AGENT_OK);
+    EXPECT_EQ(ThreadId("QV_AGENT_RCV"), recv) << "both alive: nothing re-created";
+
+    qv::socketmode::SetEndHookForTest([](qv::socketmode::Role role) { return role == qv::socketmode::Role::Receive; });
+    ASSERT_TRUE(WaitForReceiveThread(false)) << "the receive thread did not end";
+    qv::socketmode::SetEndHookForTest(nullptr);
+    const std::vector<Expect> during = ReportEveryKind(m, 0x9000);  // sent, but no acknowledgement is taken
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_EQ(QV_AGENT_RecoveryThread(m), QV_AGENT_OK);
+    ASSERT_TRUE(WaitForReceiveThread(true)) << "the dead thread is re-created";
+    EXPECT_NE(ThreadId("QV_AGENT_RCV"), recv);
+    EXPECT_EQ(ThreadId("QV_AGENT_SEND"), send) << "the live one is left alone";
+    const std::vector<Expect> after = ReportEveryKind(m, 0xA000);
+    std::vector<Expect> expect = during;
+    expect.insert(expect.end(), after.begin(), after.end());
+    const auto records = Records(*collector, expect.size(), 30000);
+    ASSERT_EQ(records.size(), expect.size()) << "records queued before and after the recovery arrive";
+    CheckEachOnce(records, expect);
+    EXPECT_EQ(QV_AGENT_DeleteThread(m), QV_AGENT_OK);
+    EXPECT_EQ(QV_AGENT_DeleteThread(m), QV_AGENT_OK) << "threads already joined";
     m->ulRecvThread = m->ulSendThread = 0;
 }
 

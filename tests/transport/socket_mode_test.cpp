@@ -2,7 +2,6 @@
 // the socket and the two threads, records reach a collector on its ports, and acknowledgements make
 // the next datagram go out at once.
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,19 +25,6 @@ protected:
         module_->uiSelfIp = htonl(INADDR_LOOPBACK);
     }
 };
-
-std::set<std::string> ThreadNames() {
-    std::set<std::string> names;
-    DIR *dir = ::opendir("/proc/self/task");
-    while (dirent *e = dir != nullptr ? ::readdir(dir) : nullptr) {
-        if (e->d_name[0] == '.') continue;
-        std::string comm = qvtest::ReadFile(std::string("/proc/self/task/") + e->d_name + "/comm");
-        if (!comm.empty() && comm.back() == '\n') comm.pop_back();
-        names.insert(comm);
-    }
-    if (dir != nullptr) ::closedir(dir);
-    return names;
-}
 
 // Records of every datagram received on port with stream type st (0: any), in arrival order.
 std::vector<qvtest::DecodedRecord> RecordsOn(const std::vector<qvtest::Datagram> &got, uint16_t port, uint8_t st) {
@@ -73,7 +59,7 @@ TEST_F(SocketModeTest, RecoveryStartsTheTransportAndRecordsReachTheCollector) {
     EXPECT_GT(module_->iSockFd, 0);
     bool named = false;
     for (int i = 0; i < 200 && !named; ++i) {  // the threads name themselves as they start
-        const std::set<std::string> names = ThreadNames();
+        const std::set<std::string> names = qvtest::ThreadNames();
         named = names.count("QV_AGENT_RCV") == 1 && names.count("QV_AGENT_SEND") == 1;
         if (!named) ::usleep(5000);
     }
