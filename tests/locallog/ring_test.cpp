@@ -107,37 +107,41 @@ TEST(LocalLogRing, RefusedPathsNeverGetAFile) {
     }
 }
 
-TEST(LocalLogRing, NewFileIsPrivateAndItsDescriptorClosesOnExec) {
+// The new file is private and closes on exec. A daemon's standard input may be closed: the file then
+// never stays on descriptor 0 (the variable's value at load), and standard input's number is never
+// closed by the agent.
+TEST(LocalLogRing, NewFileIsPrivateAndNeverStaysOnDescriptorZero) {
     const std::string path = qvtest::BootLogPath(kName);
     ::unlink(path.c_str());
-    const mode_t saved = ::umask(0);
-    qvtest::UseBootLog(kName);
-    EXPECT_EQ(qvtest::WriteInfoLine(50), 0u);
-    ::umask(saved);
-    struct stat st {};
-    ASSERT_EQ(::stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0640u);
-    ASSERT_GT(g_iQvAgentLogFileFd, 0);
-    EXPECT_NE(::fcntl(g_iQvAgentLogFileFd, F_GETFD) & FD_CLOEXEC, 0);
-}
-
-// A daemon's standard input may be closed; the agent's file then never stays on descriptor 0, which
-// the variable's value at load also means, and standard input's number is never closed by the agent.
-TEST(LocalLogRing, FileNeverStaysOnDescriptorZero) {
     const int savedStdin = ::dup(0);
     ASSERT_GE(savedStdin, 0);
+    ::umask(0);
     qvtest::UseBootLog(kName);
     ::close(0);
     EXPECT_EQ(qvtest::WriteInfoLine(50), 0u);
     const int fd = g_iQvAgentLogFileFd;
     EXPECT_GT(fd, 0);
+    EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_EQ(::fcntl(0, F_GETFD), -1);
     EXPECT_EQ(qvtest::WriteInfoLine(50), 0u);
     EXPECT_EQ(g_iQvAgentLogFileFd, fd);  // still held: no second open
+    struct stat st {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
     ::dup2(savedStdin, 0);
     ::close(savedStdin);
     qvtest::UseBootLog(kName);
     EXPECT_NE(::fcntl(0, F_GETFD), -1);  // letting the file go left standard input alone
+}
+
+TEST(LocalLogRing, LineLargerThanAnEmptyRingIsRefused) {
+    const int fd = ::open("/opt/zanthe/var/log/tiny.log", O_RDWR | O_CREAT | O_TRUNC, 0640);
+    ASSERT_GT(fd, 0);
+    const auto *line = reinterpret_cast<const uint8_t *>("abc\n");
+    EXPECT_EQ(QV_AGENT_PLOG_Buff2File(fd, line, 4, QV_PLOG_HEAD_LEN + 3), QV_AGENT_PLOG_FAILED);
+    EXPECT_EQ(QV_AGENT_PLOG_Buff2File(fd, line, 4, QV_PLOG_HEAD_LEN + 4), QV_AGENT_PLOG_OK);
+    EXPECT_EQ(QV_AGENT_PLOG_Buff2File(-1, line, 4, QV_PLOG_FILE_MAX), QV_AGENT_PLOG_FAILED);  // cannot lock
+    ::close(fd);
 }
 
 }  // namespace
