@@ -141,6 +141,14 @@ TEST(LocalLogRing, LineLargerThanAnEmptyRingIsRefused) {
     EXPECT_EQ(QV_AGENT_PLOG_Buff2File(fd, line, 4, QV_PLOG_HEAD_LEN + 3), QV_AGENT_PLOG_FAILED);
     EXPECT_EQ(QV_AGENT_PLOG_Buff2File(fd, line, 4, QV_PLOG_HEAD_LEN + 4), QV_AGENT_PLOG_OK);
     EXPECT_EQ(QV_AGENT_PLOG_Buff2File(-1, line, 4, QV_PLOG_FILE_MAX), QV_AGENT_PLOG_FAILED);  // cannot lock
+    QvAgentPlogHead head{};
+    EXPECT_EQ(QV_AGENT_PLOG_ReadHead(fd, &head), 12);
+    EXPECT_EQ(head.uiWriteOffset, 4u);  // a file without a head counts as an empty ring
+    EXPECT_EQ(head.uiWrapEnd, 0u);
+    EXPECT_EQ(QV_AGENT_PLOG_ReadHead(fd, nullptr), -1);
+    EXPECT_EQ(QV_AGENT_LOG_Write(-1, 4, line), -1);
+    EXPECT_EQ(QV_AGENT_LOG_Write(fd, 4, nullptr), -1);
+    EXPECT_EQ(QV_AGENT_LOG_Write(fd, 4, line), 4);
     ::close(fd);
 }
 
