@@ -213,6 +213,28 @@ extern "C" {
 #define QV_OPT_PROCESS_NAME_LEN 32u     /* first part of option 80, then QV_OPT_PROCESS_INFO_WORDS u32 */
 #define QV_OPT_PROCESS_INFO_WORDS 5u
 
+/* ---- persistent local log file "/opt/zanthe/var/log/<name>.log" (host byte order) ----
+ * A 12-byte head, then text lines back to back, each with its own line end, used as a ring.
+ * Before the first wrap the lines are data bytes [0, write offset); after it the older lines are
+ * [write offset, wrap end) and the newer ones [0, write offset). Offsets count from the end of the
+ * head. There is no magic value. */
+#define QV_PLOG_HEAD_WRITE_OFFSET_OFF 0u /* u32: where the next line starts */
+#define QV_PLOG_HEAD_RESERVED_OFF 4u     /* u32: 0 when created, then kept as read */
+#define QV_PLOG_HEAD_WRAP_END_OFF 8u     /* u32: 0 until the first wrap, then the end of the valid data */
+#define QV_PLOG_HEAD_LEN 12u
+#define QV_PLOG_FILE_MAX 0x400000u       /* head and data never exceed 4194304 bytes */
+#define QV_PLOG_DATA_MAX (QV_PLOG_FILE_MAX - QV_PLOG_HEAD_LEN)
+#define QV_PLOG_LINE_MAX 599u            /* characters of one line, time prefix and line end included */
+/* Every line starts with the local time "YYMMDD-hh:mm:ss.uuuuuu " (23 characters for 2000-2099);
+ * a boot-log line goes on "[LEVEL][P:process]text\n". */
+#define QV_PLOG_TIME_PREFIX_LEN 23u
+#define QV_PLOG_TIME_DATE_LEN 6u         /* YYMMDD, then '-' */
+#define QV_PLOG_TIME_CLOCK_OFF 7u        /* hh:mm:ss, then '.' */
+#define QV_PLOG_TIME_MICRO_OFF 16u       /* six digits of microseconds, then ' ' */
+#define QV_PLOG_TIME_MICRO_LEN 6u
+#define QV_PLOG_LINE_END '\n'
+#define QV_PLOG_PROCESS_TAG "[P:"     /* after the level in brackets: the process tag up to ']' */
+
 #ifdef __cplusplus
 }
 #endif

@@ -9,6 +9,7 @@
 #include "qv_agent_event.h"
 #include "qv_agent_log.h"
 #include "qv_agent_blackbox.h"
+#include "qv_agent_bootlog.h"
 #include "qv_agent_wire.h"
 
 #endif

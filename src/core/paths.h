@@ -9,6 +9,7 @@ inline constexpr const char kTraceFile[] = "/opt/zanthe/var/log/qvagent.log";
 inline constexpr const char kDevLogFormat[] = "/opt/zanthe/var/log/DevLog_%s.log";
 inline constexpr const char kBlackboxDir[] = "/opt/zanthe/var/";  // the file system that sizes the box
 inline constexpr const char kBlackboxFormat[] = "/opt/zanthe/var/LOG_%s_blackbox";
+inline constexpr const char kBootLogFormat[] = "/opt/zanthe/var/log/%s.log";
 inline constexpr const char kDevmBasicLib[] = "/usr/local/lib/libdevmbasic.so";
 inline constexpr const char kDevmDbLib[] = "/usr/local/lib/libdevmdb.so";
 

@@ -1,14 +1,8 @@
-// Whether a file exists: the agent's switches that are marker files.
+// Whether a file exists or is empty: the agent's switches that are marker files. The prototypes are
+// in the public boot-log header.
 #ifndef QV_LOCALLOG_FILE_EXIST_H
 #define QV_LOCALLOG_FILE_EXIST_H
 
-#include <cstdint>
-
-extern "C" {
-
-// 1 when path names an existing file, else 0 (also for a null path).
-uint32_t QV_AGENT_IsFileExist(const char *path);
-
-}
+#include "qvagent/qv_agent_bootlog.h"
 
 #endif

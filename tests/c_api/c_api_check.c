@@ -37,6 +37,8 @@ int main(void) {
     check(module->uiListLimit == 7, "the list limit was stored");
     check(QV_Agent_Init(&desc) == module, "a second init gives the same record");
     check(QV_WIRE_PORT_LOG == 6010u, "wire header is usable from C");
+    check(QV_Agent_SysbootLog("c", QV_AGENT_BOOTLOG_INFO, "%d", 1) == QV_AGENT_PLOG_FAILED,
+          "the boot log refuses lines before it is named");
 
     printf("%s\n", failures == 0 ? "C interface: all checks passed" : "C interface: checks failed");
     return failures == 0 ? 0 : 1;
