@@ -8,6 +8,7 @@
 #include "qv_agent_identity.h"
 #include "qv_agent_event.h"
 #include "qv_agent_log.h"
+#include "qv_agent_kpi.h"
 #include "qv_agent_wire.h"
 
 #endif

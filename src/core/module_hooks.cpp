@@ -10,10 +10,6 @@ constexpr uint32_t kNotAvailable = QV_AGENT_ERR_FAILED;
 
 uint32_t InitLogBlackbox(QvAgentModule * /*module*/) { return kNotAvailable; }
 
-void SendKpi(QvAgentModule * /*module*/) {}
-
-void SimulateKpi(uint32_t /*pass*/, QvAgentModule * /*module*/) {}
-
 uint32_t ReadBlackbox(uint8_t * /*dst*/, uint32_t /*room*/, QvAgentModule * /*module*/) { return 0; }
 
 bool BlackboxIsEmpty() { return true; }

@@ -1,4 +1,4 @@
-// The calls into subsystems still to be built into the agent: the blackbox and KPI reporting. Each hook
+// The calls into subsystems still to be built into the agent: the blackbox. Each hook
 // answers what the agent sees today: the feature is not available. As a subsystem lands, its hook is
 // removed and the call site calls the subsystem.
 #ifndef QV_CORE_MODULE_HOOKS_H
@@ -12,10 +12,6 @@ namespace qv::hook {
 
 // Opens the blackbox file named in szBlackboxFile; 0 when the blackbox is in use, else 1.
 uint32_t InitLogBlackbox(QvAgentModule *module);
-
-// The parts of a send pass that belong to KPI reporting: one KPI send and the KPI simulation.
-void SendKpi(QvAgentModule *module);
-void SimulateKpi(uint32_t pass, QvAgentModule *module);
 
 // Reads whole records from the blackbox into dst (room bytes); the bytes read, 0 when none.
 uint32_t ReadBlackbox(uint8_t *dst, uint32_t room, QvAgentModule *module);

@@ -16,7 +16,8 @@
 #include <cstring>
 #include <type_traits>
 
-#include "core/module_hooks.h"
+#include "kpi/kpi_internal.h"
+#include "qvagent/qv_agent_kpi.h"
 #include "qvagent/qv_agent_memory.h"
 #include "qvagent/qv_agent_wire.h"
 #include "locallog/file_exist.h"
@@ -197,8 +198,8 @@ void *QV_AGENT_SendThreadProc(void *arg) {
     for (uint32_t pass = 0;; ++pass) {
         QV_AGENT_ClearSendCountInfo(module);
         for (uint32_t k : kPassOrder) QV_AGENT_SendMsg(k, module);
-        qv::hook::SendKpi(module);
-        qv::hook::SimulateKpi(pass, module);
+        QV_AGENT_SendKpiMsg(QV_AGENT_MSG_KPI, module);
+        qv::kpi::Simulate(pass, module);
         if (QV_AGENT_IsFileExist(qv::testreport::kMarkerFile) != 0) QV_AGENT_ReportTestLog(module);
         for (int slice = 0; slice < kSlicesPerPass; ++slice) {
             CancellationPoint();
