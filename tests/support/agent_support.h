@@ -14,8 +14,8 @@ QvAgentServiceDesc MakeDesc(const std::string &name, uint32_t serviceId = 1, uin
 
 // Releases the process's module record and clears the handle, so the next QV_Agent_Init creates a
 // new one: stops its scheduler thread, timer and socket-mode threads, closes its sockets, unloads the
-// device-management libraries, releases lists, kept datagrams and restraint entries. Safe when there
-// is none.
+// device-management libraries, releases lists, kept datagrams, restraint entries and the KPI option
+// store. Safe when there is none.
 void ReleaseModule();
 
 // QV_Agent_Init without the scheduler thread (and so without the timer's send passes): for tests that
