@@ -74,7 +74,7 @@ TEST_F(KpiSimulationTest, GeneratorsRunByCountOnlyWhereSwitchedOn) {
             SCOPED_TRACE(c.count);
             qv::kpi::Simulate(c.count, module_);
             Counts got;
-            for (const QvAgentKpiRecord &r : Drain()) ++got[r.usComponentId];
+            for (const QvAgentKpiRecord &r : Drain()) ++got[uint16_t{r.usComponentId}];
             EXPECT_EQ(got, sw.on ? c.expect : Counts{});
         }
     }
@@ -92,16 +92,16 @@ TEST_F(KpiSimulationTest, SlowGeneratorRows) {
         StlmUpdateKpiTest(tick, nullptr);
         const auto rows = Drain();
         ASSERT_EQ(rows.size(), 5u);
-        EXPECT_EQ(rows[4].ulValue, (tick / 60) % 3 == 0 ? 50050u : 50000u);
-        EXPECT_EQ(rows[1].usComponentId, 12000);
-        EXPECT_EQ(rows[1].usSubObjectId, 100) << "the sub-object of the step before";
-        EXPECT_EQ(rows[3].uiKpiId, 70000u);
+        EXPECT_EQ(+rows[4].ulValue, (tick / 60) % 3 == 0 ? 50050u : 50000u);
+        EXPECT_EQ(+rows[1].usComponentId, 12000);
+        EXPECT_EQ(+rows[1].usSubObjectId, 100) << "the sub-object of the step before";
+        EXPECT_EQ(+rows[3].uiKpiId, 70000u);
         for (const QvAgentKpiRecord &r : rows) {
             EXPECT_EQ(r.ucKpiFlag, 0xD1);
             EXPECT_EQ(r.ucCpuId, 4);
             EXPECT_EQ(r.ucLocalIdA, 0);
             EXPECT_EQ(r.ucLocalIdB, 9);
-            EXPECT_EQ(r.uiTimeStamp, 1718107200u);
+            EXPECT_EQ(+r.uiTimeStamp, 1718107200u);
         }
     }
     QVPLAT_TestClearTime();

@@ -50,16 +50,16 @@ TEST_F(KpiUpdateTest, EachCallQueuesOneRecord) {
     for (size_t i = 0; i < records.size(); ++i) {
         SCOPED_TRACE(i);
         const QvAgentKpiRecord &r = records[i];
-        EXPECT_EQ(r.usComponentId, expect[i].component);
-        EXPECT_EQ(r.uiKpiId, expect[i].kpi);
-        EXPECT_EQ(r.uiObjectId, expect[i].object);
-        EXPECT_EQ(r.usSubObjectId, expect[i].sub);
+        EXPECT_EQ(+r.usComponentId, expect[i].component);
+        EXPECT_EQ(+r.uiKpiId, expect[i].kpi);
+        EXPECT_EQ(+r.uiObjectId, expect[i].object);
+        EXPECT_EQ(+r.usSubObjectId, expect[i].sub);
         EXPECT_EQ(r.ucCpuId, 0x2A);
         EXPECT_EQ(r.ucLocalIdA, 0);
         EXPECT_EQ(r.ucLocalIdB, 0);
         EXPECT_EQ(r.ucKpiFlag, 0xD1);
-        EXPECT_EQ(r.ulValue, expect[i].value);
-        EXPECT_EQ(r.uiTimeStamp, expect[i].time);
+        EXPECT_EQ(+r.ulValue, expect[i].value);
+        EXPECT_EQ(+r.uiTimeStamp, expect[i].time);
     }
 }
 
