@@ -1,8 +1,9 @@
 /*
  * demo_service: a small service that reports through the agent the way a service on a device does.
  * It initialises the agent (which starts the default transport towards the collector), reports logs of
- * several kinds, alarms with common attributes, logs by identifier with every conversion, debug logs and
- * a flush notice, then waits until the collector has acknowledged everything and says what it sent.
+ * several kinds, alarms with common attributes, logs by identifier with every conversion, debug logs,
+ * KPI samples and a flush notice, then waits until the collector has acknowledged everything (and the
+ * KPI samples have left) and says what it sent.
  */
 #define _POSIX_C_SOURCE 200809L /* nanosleep, getpid */
 
@@ -23,7 +24,31 @@ struct demo_counts {
     unsigned alarms;
     unsigned by_id;
     unsigned debug;
+    unsigned kpi;
     unsigned failed;
+};
+
+/* KPI samples of the demo: component, KPI, object, sub-object, flag, value. The first instance has an
+ * on-change option that holds back up to DEMO_KPI_ON_CHANGE unchanged samples in a row. */
+#define DEMO_KPI_COMPONENT 100u
+#define DEMO_KPI_ON_CHANGE 2u
+#define DEMO_KPI_FILTERED 0xD1u /* report mode 00: subject to the on-change option */
+#define DEMO_KPI_ALWAYS 0xD5u   /* report mode 01: always sent */
+static const struct demo_kpi {
+    uint16_t kpi;
+    uint32_t object;
+    uint16_t sub_object;
+    uint8_t flag;
+    uint64_t value;
+    int leaves; /* what the on-change filter does with it */
+} demo_kpis[] = {
+    {1, 7, 0, DEMO_KPI_FILTERED, 500, 1},  /* first sample of the instance */
+    {1, 7, 0, DEMO_KPI_FILTERED, 500, 0},  /* unchanged: held back */
+    {1, 7, 0, DEMO_KPI_FILTERED, 500, 0},  /* unchanged: held back */
+    {1, 7, 0, DEMO_KPI_FILTERED, 500, 1},  /* third unchanged in a row: goes */
+    {1, 7, 0, DEMO_KPI_ALWAYS, 500, 1},    /* always sent, whatever the option */
+    {1, 7, 0, DEMO_KPI_FILTERED, 650, 1},  /* changed: goes at once */
+    {2, 7, 3, DEMO_KPI_FILTERED, 12, 1},   /* an instance without an option */
 };
 
 static void usage(FILE *out) {
@@ -31,9 +56,10 @@ static void usage(FILE *out) {
             "usage: demo_service [--name NAME] [--id N] [--trace] [--wait SECONDS]\n"
             "  Initialises the reporting agent as service NAME (default demo_service), instance N\n"
             "  (default 1), with its own and the main board's address 127.0.0.1, reports logs, alarms,\n"
-            "  logs by identifier, debug logs and a flush notice, and waits (default %d s) until the\n"
-            "  collector on 127.0.0.1 has acknowledged every record. --trace turns the agent's trace file\n"
-            "  on (it also needs PX_SERVICE_TYPE). Exit status 0 when everything was acknowledged.\n",
+            "  logs by identifier, debug logs, KPI samples and a flush notice, and waits (default %d s)\n"
+            "  until the collector on 127.0.0.1 has acknowledged every record and the KPI samples have\n"
+            "  left. --trace turns the agent's trace file on (it also needs PX_SERVICE_TYPE). Exit\n"
+            "  status 0 when everything was acknowledged.\n",
             DEMO_DEFAULT_WAIT_SECONDS);
 }
 
@@ -109,7 +135,28 @@ static uint32_t report_every_conversion(void) {
                                   block, 0x7F000001u, ipv6, mac, when, 5u, sized);
 }
 
-/* Nothing queued and nothing waiting for an acknowledgement, on lists 0 to 3. */
+/* Sets the on-change option of the first KPI instance and reports every demo sample; the number of
+ * samples expected to leave. */
+static unsigned report_kpis(struct demo_counts *c) {
+    const QvAgentKpiObject first = {1, 7, 0, DEMO_KPI_COMPONENT};
+    const uint32_t on_change = DEMO_KPI_ON_CHANGE;
+    unsigned options = 0;
+    unsigned leaving = 0;
+    size_t i;
+    count(c, &options, QV_Agent_SetKpiOption(&first, KPI_OPTION_ONCHANGE, sizeof on_change, &on_change),
+          "KPI on-change option");
+    for (i = 0; i < sizeof demo_kpis / sizeof demo_kpis[0]; i++) {
+        const struct demo_kpi *k = &demo_kpis[i];
+        count(c, &c->kpi,
+              QV_AGENT_UpdateSubKpi(DEMO_KPI_COMPONENT, k->kpi, k->object, k->sub_object, &k->flag, k->value),
+              "KPI sample");
+        leaving += (unsigned)k->leaves;
+    }
+    return leaving;
+}
+
+/* Nothing queued and nothing waiting for an acknowledgement on lists 0 to 3, and no KPI sample waiting
+ * on list 4. */
 static int all_acknowledged(QvAgentModule *agent) {
     int done = 1;
     unsigned k;
@@ -118,6 +165,9 @@ static int all_acknowledged(QvAgentModule *agent) {
         if (agent->astSendList[k].uiCount != 0 || agent->astSendList[k].pucResendMsg != NULL) done = 0;
     }
     pthread_mutex_unlock(&agent->stListMutex);
+    pthread_mutex_lock(&agent->stKpiMutex);
+    if (agent->astSendList[QV_AGENT_MSG_KPI].uiCount != 0) done = 0;
+    pthread_mutex_unlock(&agent->stKpiMutex);
     return done;
 }
 
@@ -125,7 +175,8 @@ int main(int argc, char **argv) {
     QvAgentServiceDesc desc;
     QvAgentModule *agent;
     QvAgentProcessInfo process;
-    struct demo_counts c = {0, 0, 0, 0, 0};
+    struct demo_counts c = {0, 0, 0, 0, 0, 0};
+    unsigned kpi_leaving;
     const QvAgentDebugKey key = {0x11110001u, 0x22220002u};
     const uint32_t loopback = htonl(INADDR_LOOPBACK);
     const char *name = "demo_service";
@@ -187,9 +238,11 @@ int main(int argc, char **argv) {
     count(&c, &c.by_id, QV_Agent_ReportLogById(20, 0x1235, "latency %u us", 87u), "high-precision log by identifier");
     count(&c, &c.debug, QV_Agent_Debug(&key, "fan speed", 0x0001C000, "%u rpm", 3000u), "debug log at level 7");
     count(&c, &c.debug, QV_Agent_Debug(&key, "voltage", 0x00004000, "%d mV", 1200), "debug log at level 1");
-    printf("reported %u logs, %u alarms, %u logs by identifier, %u debug logs (%u failed)\n", c.logs, c.alarms,
-           c.by_id, c.debug, c.failed);
+    kpi_leaving = report_kpis(&c);
+    printf("reported %u logs, %u alarms, %u logs by identifier, %u debug logs, %u KPI samples (%u failed)\n",
+           c.logs, c.alarms, c.by_id, c.debug, c.kpi, c.failed);
     printf("records: %u\n", c.logs + c.alarms + c.by_id + c.debug + 1); /* and the agent's allocator report */
+    printf("kpi records: %u\n", kpi_leaving); /* the samples the on-change option lets through */
 
     while (!all_acknowledged(agent) && waited < wait_seconds * 10) {
         struct timespec tenth = {0, 100000000L};
@@ -199,9 +252,10 @@ int main(int argc, char **argv) {
     rc = QV_Agent_FlushToLogFile(agent);
     printf("flush notice: %s (0x%x)\n", rc == QV_AGENT_OK ? "sent" : "not sent", rc);
     if (!all_acknowledged(agent)) {
-        printf("not everything was acknowledged within %d s: log %u, alarm %u, debug %u, high precision %u queued\n",
+        printf("not everything was acknowledged within %d s: log %u, alarm %u, debug %u, high precision %u, "
+               "KPI %u queued\n",
                wait_seconds, agent->astSendList[0].uiCount, agent->astSendList[1].uiCount,
-               agent->astSendList[2].uiCount, agent->astSendList[3].uiCount);
+               agent->astSendList[2].uiCount, agent->astSendList[3].uiCount, agent->astSendList[4].uiCount);
         return 1;
     }
     printf("everything was acknowledged by the collector after %.1f s\n", waited / 10.0);

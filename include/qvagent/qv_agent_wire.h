@@ -176,6 +176,34 @@ extern "C" {
 #define QV_FMT_DATETIME_MINUTE_OFF 5u
 #define QV_FMT_DATETIME_SECOND_OFF 6u
 
+/* ---- KPI packet: a 12-byte head, then 28-byte records; every field big-endian ---- */
+#define QV_KPI_PKT_TOTAL_LEN_OFF 0u     /* u16: whole packet, head included */
+#define QV_KPI_PKT_FLAGS_OFF 2u         /* u8: QV_WIRE_FLAG_BYTE_ORDER */
+#define QV_KPI_PKT_MSG_TYPE_OFF 3u      /* u8: QV_WIRE_MSG_KPI */
+#define QV_KPI_PKT_RESERVED_OFF 4u      /* u32: 0 */
+#define QV_KPI_PKT_RECORD_NUM_OFF 8u    /* u32: records that follow */
+#define QV_KPI_PKT_HEAD_LEN 12u
+#define KPI_PACKET_MAX 8096u            /* bound of a KPI packet, head included */
+#define QV_KPI_PKT_RECORDS_MAX 288u     /* records that fit: 12 + 288 * 28 = 8076 bytes */
+
+#define QV_KPI_REC_COMPONENT_OFF 0u     /* u16: the service's component id + QV_KPI_COMPONENT_OFFSET */
+#define QV_KPI_REC_KPI_ID_OFF 2u        /* u32 */
+#define QV_KPI_REC_OBJECT_OFF 6u        /* u32 */
+#define QV_KPI_REC_SUB_OBJECT_OFF 10u   /* u16 */
+#define QV_KPI_REC_CPU_OFF 12u          /* u8: the sender's CPU */
+#define QV_KPI_REC_LOCAL_ID_A_OFF 13u   /* u8: the sender's local slot numbers */
+#define QV_KPI_REC_LOCAL_ID_B_OFF 14u   /* u8 */
+#define QV_KPI_REC_FLAG_OFF 15u         /* u8: QV_KPI_FLAG_MODE_* in bits 2-3, other bits the service's */
+#define QV_KPI_REC_VALUE_OFF 16u        /* u64 */
+#define QV_KPI_REC_TIME_OFF 24u         /* u32: seconds since 1970 */
+#define QV_KPI_REC_LEN 28u
+
+#define QV_KPI_COMPONENT_OFFSET 10000u  /* added to a service's component id, modulo 65536 */
+#define QV_KPI_FLAG_MODE_MASK 0x0Cu
+#define QV_KPI_FLAG_MODE_SHIFT 2u
+#define QV_KPI_FLAG_MODE_ON_CHANGE 0u   /* held back by an on-change option */
+#define QV_KPI_FLAG_MODE_ALWAYS 1u      /* every sample is sent */
+
 /* ---- collector ports ---- */
 #define QV_WIRE_PORT_LOG 6010u
 #define QV_WIRE_PORT_ALARM 6011u

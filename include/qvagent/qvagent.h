@@ -10,6 +10,7 @@
 #include "qv_agent_log.h"
 #include "qv_agent_blackbox.h"
 #include "qv_agent_bootlog.h"
+#include "qv_agent_kpi.h"
 #include "qv_agent_wire.h"
 
 #endif

@@ -18,6 +18,11 @@ inline void StoreBe32(uint8_t *at, uint32_t v) {
     StoreBe16(at + 2, static_cast<uint16_t>(v));
 }
 
+inline void StoreBe64(uint8_t *at, uint64_t v) {
+    StoreBe32(at, static_cast<uint32_t>(v >> 32));
+    StoreBe32(at + 4, static_cast<uint32_t>(v));
+}
+
 inline void StoreLe16(uint8_t *at, uint16_t v) {
     at[0] = static_cast<uint8_t>(v);
     at[1] = static_cast<uint8_t>(v >> 8);

@@ -4,7 +4,8 @@
 
 #include <cstring>
 
-#include "core/module_hooks.h"
+#include "kpi/kpi_internal.h"
+#include "qvagent/qv_agent_kpi.h"
 #include "qvagent/qv_agent_event.h"
 #include "qvagent/qv_agent_wire.h"
 #include "qvplatform/kev.h"
@@ -108,9 +109,9 @@ uint32_t QV_AGENT_SendTimerProc(uint64_t /*value1*/, uint64_t /*value2*/, void *
     QV_AGENT_Check_DiagRestrainTree(module);
     for (const auto &pass : kTickPasses) QV_AGENT_SendMeshMsgTimerProc(pass.kind, pass.port, module);
     if (module->auiMeshState[QV_AGENT_MSG_KPI] == QV_AGENT_STATE_READY) {
-        qv::hook::SendKpi(module);
+        QV_AGENT_SendKpiMsg(QV_AGENT_MSG_KPI, module);
         ++module->uiKpiTick;
-        qv::hook::SimulateKpi(module->uiKpiTick, module);
+        qv::kpi::Simulate(module->uiKpiTick, module);
     } else {
         QV_AGENT_ReCreateMeshFd(QV_AGENT_MSG_KPI, module);
     }

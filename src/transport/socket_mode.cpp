@@ -15,7 +15,8 @@
 #include <cstring>
 #include <type_traits>
 
-#include "core/module_hooks.h"
+#include "kpi/kpi_internal.h"
+#include "qvagent/qv_agent_kpi.h"
 #include "qvagent/qv_agent_memory.h"
 #include "qvagent/qv_agent_wire.h"
 #include "locallog/file_exist.h"
@@ -226,8 +227,8 @@ void SendLoop(QvAgentModule *module) {
     for (uint32_t pass = 0; !BodyShouldEnd(Role::Send); ++pass) {
         QV_AGENT_ClearSendCountInfo(module);
         for (uint32_t k : kPassOrder) QV_AGENT_SendMsg(k, module);
-        qv::hook::SendKpi(module);
-        qv::hook::SimulateKpi(pass, module);
+        QV_AGENT_SendKpiMsg(QV_AGENT_MSG_KPI, module);
+        qv::kpi::Simulate(pass, module);
         if (QV_AGENT_IsFileExist(qv::testreport::kMarkerFile) != 0) QV_AGENT_ReportTestLog(module);
         for (int slice = 0; slice < kSlicesPerPass; ++slice) {
             CancellationPoint();

@@ -55,6 +55,7 @@ void ReleaseModule() {
     for (QvAgentSendList &list : module->astSendList) QV_AGENT_FreeResendMsg(&list, module);
     DrainLists(module);
     QV_AGENT_DiagNodeDelete(module);
+    QV_AGENT_KpiMngMouduleUnInit(module);
     CloseBlackbox(module);
     QV_AGENT_Free(module->pstSchedCtrl, module);
     pthread_mutex_destroy(&module->stListMutex);

@@ -14,8 +14,8 @@ QvAgentServiceDesc MakeDesc(const std::string &name, uint32_t serviceId = 1, uin
 
 // Releases the process's module record and clears the handle, so the next QV_Agent_Init creates a
 // new one: stops its scheduler thread, timer and socket-mode threads, closes its sockets, unloads the
-// device-management libraries, releases lists, kept datagrams, restraint entries and the blackbox.
-// Safe when there is none.
+// device-management libraries, releases lists, kept datagrams, restraint entries, the KPI option
+// store and the blackbox. Safe when there is none.
 void ReleaseModule();
 
 // Closes and releases the process's blackbox (the agent keeps it for the life of the process), so the

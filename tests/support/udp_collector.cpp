@@ -24,6 +24,10 @@ std::vector<uint8_t> AcknowledgementOf(const std::vector<uint8_t> &d, uint16_t p
     return ack;
 }
 
+namespace {
+constexpr int kReceiveBuffer = 4 << 20;
+}  // namespace
+
 UdpCollector::UdpCollector(std::vector<uint16_t> ports, bool acknowledge)
     : ports_(std::move(ports)), acknowledge_(acknowledge) {
     ok_ = true;
@@ -33,6 +37,12 @@ UdpCollector::UdpCollector(std::vector<uint16_t> ports, bool acknowledge)
         addr.sin_family = AF_INET;
         addr.sin_port = htons(port);
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        // Room for a burst of datagrams sent back to back (a KPI send of a full list is 14 packets of
+        // 8 KiB) while the receiving thread is not scheduled; beyond the system's cap where allowed.
+        const int room = kReceiveBuffer;
+        if (fd >= 0 && ::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0) {
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+        }
         if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) ok_ = false;
         fds_.push_back(fd);
     }

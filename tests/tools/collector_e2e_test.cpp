@@ -100,7 +100,8 @@ TEST_F(CollectorEndToEnd, AnswersFromTheReceivingPortAndReportsEveryDatagram) {
         {2, Datagram(kData, 0xFFFFFFFF, kOther, ByIdRecord(20, 1, {})), "00088001ffffffff",
          R"({"kind":"hplog","seq":4294967295,)"},
         {0, kFlush, "", R"("event":"flush")"},
-        {3, FromHex("00 10 04 04 00 00 00 00 00 00 00 01 01020304"), "", R"("body":"000000000000000101020304")"},
+        {3, FromHex("00 10 04 04 00 00 00 00 00 00 00 01 01020304"), "",
+         R"("event":"error","length":16,"flags":4,"reason":"record count 1 for 4 bytes of records")"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(ToHex(c.datagram).substr(0, 24));

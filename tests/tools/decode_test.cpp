@@ -185,8 +185,8 @@ TEST(DecodeDatagram, EachShapeIsAnsweredAndReported) {
         {Port::Log, FromHex("00 08 04 02 00 00 00 00"), "",
          {R"({"kind":"log","seq":0,"from":"127.0.0.1:40000","event":"flush","length":8,"flags":4})"}},
         {Port::Kpi, kpi, "",
-         {R"({"kind":"kpi","from":"127.0.0.1:40000","event":"kpi","length":16,"flags":4,)"
-          R"("body":"0000000000000001aabbccdd"})"}},
+         {R"({"kind":"kpi","from":"127.0.0.1:40000","event":"error","length":16,"flags":4,)"
+          R"("reason":"record count 1 for 4 bytes of records"})"}},
         {Port::Log, FromHex("00 07 04 01 00 00 00"), "",
          {R"({"kind":"log","from":"127.0.0.1:40000","event":"error","length":7,)"
           R"("reason":"7 bytes, shorter than a datagram head"})"}},
@@ -293,6 +293,42 @@ TEST(CollectorSequence, ResendsAreDuplicatesAndSkippedNumbersAreGaps) {
     EXPECT_EQ(counts(c.Stats()[0]), (std::vector<uint64_t>{11, 3, 2, 5, 11}));  // log
     EXPECT_EQ(counts(c.Stats()[1]), (std::vector<uint64_t>{1, 0, 0, 0, 1}));    // alarm
     EXPECT_EQ(counts(c.Stats()[3]), (std::vector<uint64_t>{4, 0, 1, 1, 4}));    // high-precision
+}
+
+// A KPI packet: its own line, then every field of every record; both counted in the statistics.
+TEST(DecodeDatagram, KpiPacketRecordsAreDecodedWhole) {
+    const Bytes packet = FromHex(
+        "00 44 04 04 00 00 00 00 00 00 00 02"
+        " 27 15 00 00 00 07 00 00 00 09 00 00 01 02 03 d1 00 00 00 00 00 00 00 2a 66 68 3c 40"
+        " 11 b0 ff ff ff ff 80 00 00 00 ff ff 00 00 00 d5 ff ff ff ff ff ff ff ff 00 00 00 00");
+    Options options;
+    options.count = 2;
+    Collector collector(options);
+    const Outcome out = Feed(collector, Port::Kpi, packet);
+    const std::string head = R"({"kind":"kpi","from":"127.0.0.1:40000",)";
+    const std::vector<std::string> lines = {
+        head + R"("event":"kpi","length":68,"flags":4,"records":2})",
+        head + R"("index":0,"record":"kpi","component":10005,"component_id":5,"kpi":7,"object":9,"sub_object":0,)"
+               R"("cpu":1,"local_id_a":2,"local_id_b":3,"flag":209,"report":"on_change","value":42,)"
+               R"("time":1718107200,"time_utc":"2024-06-11T12:00:00Z"})",
+        head + R"("index":1,"record":"kpi","component":4528,"component_id":60064,"kpi":4294967295,)"
+               R"("object":2147483648,"sub_object":65535,"cpu":0,"local_id_a":0,"local_id_b":0,"flag":213,)"
+               R"("report":"always","value":18446744073709551615,"time":0,"time_utc":"1970-01-01T00:00:00Z"})",
+    };
+    EXPECT_EQ(out.lines, lines);
+    EXPECT_TRUE(out.ack.empty());
+    EXPECT_TRUE(out.done) << "KPI records count towards --count";
+    const auto &kpi = collector.Stats()[static_cast<size_t>(qvcollector::Kind::Kpi)];
+    EXPECT_EQ(kpi.datagrams, 1u);
+    EXPECT_EQ(kpi.records, 2u);
+    EXPECT_EQ(kpi.errors, 0u);
+    // A count that does not match the bytes is an error, and no record is read.
+    Bytes wrong = packet;
+    wrong[QV_KPI_PKT_RECORD_NUM_OFF + 3] = 3;
+    const Outcome bad = Feed(collector, Port::Kpi, wrong);
+    ASSERT_EQ(bad.lines.size(), 1u);
+    EXPECT_NE(bad.lines[0].find(R"("reason":"record count 3 for 56 bytes of records")"), std::string::npos);
+    EXPECT_EQ(kpi.errors, 1u);
 }
 
 }  // namespace

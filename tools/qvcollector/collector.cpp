@@ -2,6 +2,7 @@
 #include "collector.h"
 
 #include "json_writer.h"
+#include "kpi_decode.h"
 #include "qvagent/qv_agent_wire.h"
 #include "record_decode.h"
 
@@ -73,17 +74,9 @@ Outcome Collector::Handle(Port port, const Sender &sender, Bytes d) {
     case Shape::Flush:
         out.lines.push_back(EventLine(h, from, "flush", d.size()));
         break;
-    case Shape::Kpi: {
-        JsonWriter w;
-        BeginLine(w, h, from);
-        w.FieldString("event", "kpi");
-        w.Field("length", d.size());
-        w.Field("flags", h.flags);
-        w.FieldHex("body", d.subspan(h.headLen));
-        w.EndObject();
-        out.lines.push_back(w.Take());
+    case Shape::Kpi:
+        DecodeKpi(h, from, d, out);
         break;
-    }
     case Shape::Numbered: {
         const SequenceTracker::Seen seen =
             sequences_.Observe(h.kind, sender, h.seq, (h.flags & QV_WIRE_FLAG_STREAM_START) != 0);
@@ -150,11 +143,46 @@ void Collector::DecodeBody(const Head &h, const std::string &from, Bytes body, O
             ++st.errors;
         } else {
             ++st.records;
-            ++printed_;
-            if (options_.count != 0 && printed_ >= options_.count) done_ = true;
+            CountPrinted();
         }
         w.EndObject();
         out.lines.push_back(w.Take());
+    }
+}
+
+void Collector::CountPrinted() {
+    ++printed_;
+    if (options_.count != 0 && printed_ >= options_.count) done_ = true;
+}
+
+// A KPI packet: one line for the packet (or for why its records cannot be read), then one per record.
+void Collector::DecodeKpi(const Head &h, const std::string &from, Bytes packet, Outcome &out) {
+    KindStats &st = stats_[static_cast<size_t>(h.kind)];
+    qvdecode::KpiPacketHead head;
+    const std::optional<std::string> err = qvdecode::ReadKpiPacket(packet, head);
+    JsonWriter w;
+    BeginLine(w, h, from);
+    w.FieldString("event", err ? "error" : "kpi");
+    w.Field("length", packet.size());
+    w.Field("flags", h.flags);
+    if (err) {
+        ++st.errors;
+        w.FieldString("reason", *err);
+    } else {
+        w.Field("records", head.recordNum);
+    }
+    w.EndObject();
+    out.lines.push_back(w.Take());
+    for (uint32_t i = 0; !err && i < head.recordNum && !done_; ++i) {
+        JsonWriter r;
+        BeginLine(r, h, from);
+        r.Field("index", i);
+        r.FieldString("record", "kpi");
+        qvdecode::DecodeKpiRecord(qvdecode::KpiRecordAt(packet, i), r);
+        r.EndObject();
+        out.lines.push_back(r.Take());
+        ++st.records;
+        CountPrinted();
     }
 }
 

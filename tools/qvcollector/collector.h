@@ -33,6 +33,8 @@ public:
 
 private:
     void DecodeBody(const Head &h, const std::string &from, Bytes body, Outcome &out);
+    void DecodeKpi(const Head &h, const std::string &from, Bytes packet, Outcome &out);
+    void CountPrinted();
     bool AckNumbered(Kind kind);
 
     Options options_;

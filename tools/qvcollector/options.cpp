@@ -107,7 +107,7 @@ Options:
   --drop-acks N     for each kind, leave the first N numbered datagrams that
                     arrive (resends included) unacknowledged; acknowledge
                     every later one
-  --count N         exit after N records have been printed
+  --count N         exit after N records (KPI records too) have been printed
   --stats           on exit, print one "stats" line per kind: datagrams,
                     records, duplicates (a sequence number already received
                     from the same sender and kind), gaps and missing numbers,
@@ -120,8 +120,14 @@ Output lines (all carry "kind": log, alarm, debug, hplog or kpi, and "from"):
             {"type","len","as","value"}; a log record's "form" is "object",
             "by_id" or "debug" (debug adds "key_word1" and "text").
             "as" says how the value was read; "hex" means it was not.
-  events    "event": "stream_start", "duplicate", "flush", "kpi" (length,
-            flags, body in hex), "error" (length and reason), "stats".
+  KPI       "record":"kpi", "index" in the packet, "component" (as sent)
+            and "component_id" (the service's, without the 10000 offset),
+            "kpi", "object", "sub_object", "cpu", "local_id_a",
+            "local_id_b", "flag", "report" ("always" or "on_change"),
+            "value", "time" (seconds since 1970) and "time_utc".
+  events    "event": "stream_start", "duplicate", "flush", "kpi" (a KPI
+            packet: length, flags, records), "error" (length and
+            reason), "stats" (for kpi: datagrams are KPI packets).
 
 A datagram that cannot be decoded is reported as an error line and never
 stops the collector. SIGINT or SIGTERM end it cleanly; a one-line summary
