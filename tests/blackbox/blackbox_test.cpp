@@ -286,6 +286,51 @@ TEST_F(BoxTest, CapacityFollowsTheServiceTypeAndTheFileSystemSize) {
         EXPECT_EQ(QV_AGENT_GetBlackBoxSize(module_), c.expect);
         ASSERT_EQ(::umount("/opt/zanthe/var"), 0);
     }
+    qvtest::ServiceTypeEnv env("svc");
+    ASSERT_EQ(::mount("boxfs", "/opt/zanthe", "tmpfs", 0, "size=64m"), 0);  // no var directory to ask
+    EXPECT_EQ(QV_AGENT_GetBlackBoxSize(module_), QV_BOX_CAPACITY_SMALL);
+    ASSERT_EQ(::umount("/opt/zanthe"), 0);
+}
+
+// A file cut short behind the agent's back: every operation fails with its code and the head is left
+// as it was, except by an allocation that fails first.
+TEST_F(BoxTest, TruncatedFileFailsEachOperation) {
+    struct Case {
+        const char *name;
+        off_t keep;           // bytes of the file left
+        uint32_t readResult;  // of QV_AGENT_ReadBlackbox
+    };
+    const Case cases[] = {
+        {"no head", 0, QV_AGENT_ERR_FAILED},
+        {"no record head", 32 + 4, QV_AGENT_ERR_FAILED},
+        {"record cut short", 32 + 8 + 10, QV_AGENT_BOX_SHORT_READ},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        Install(256);
+        ASSERT_EQ(Write(Record(1, 20)), QV_AGENT_OK);
+        ASSERT_EQ(::ftruncate(box_.iFd, c.keep), 0);
+        uint32_t rc = 0;
+        EXPECT_TRUE(ReadOnce(QV_WIRE_SEND_BUFFER_LEN, &rc).empty());
+        EXPECT_EQ(rc, c.readResult);
+        EXPECT_EQ(module_->uiLogSendCnt, 0u);
+        module_->uiLogSendCnt = 0;
+        if (c.keep == 0) {
+            EXPECT_EQ(Write(Record(2, 20)), QV_AGENT_ERR_FAILED);
+            EXPECT_EQ(QV_AGENT_BlackboxIsEmpty(), 1u);
+            EXPECT_EQ(QV_AGENT_ClearReadedBoxData(), QV_AGENT_ERR_FAILED);
+        } else {
+            EXPECT_EQ(Head().uiUsedLen, 28u) << "the head is not updated";
+        }
+    }
+    Uninstall();
+    qvtest::ServiceTypeEnv env("nomem");
+    ASSERT_EQ(QV_AGENT_GetFileBufName(module_->szBlackboxFile, QV_AGENT_BLACKBOX_PATH_LEN), QV_AGENT_OK);
+    QVPLAT_TestFailAllocation(1);
+    EXPECT_EQ(QV_AGENT_InitLogBlackbox(module_), QV_AGENT_ERR_FAILED);
+    QVPLAT_TestFailAllocation(0);
+    EXPECT_EQ(g_pstQvAgentLogBox, nullptr);
+    EXPECT_EQ(qvtest::AgentBlocks(), baseBlocks_);
 }
 
 TEST_F(BoxTest, FileAccessResultCodes) {
@@ -300,6 +345,7 @@ TEST_F(BoxTest, FileAccessResultCodes) {
     };
     const Case cases[] = {
         {"whole", box_.iFd, 280, 8, buf, 8},
+        {"nothing at the end", box_.iFd, 288, 0, buf, 0},
         {"null buffer", box_.iFd, 0, 8, nullptr, QV_BOX_ERR_RANGE},
         {"offset and length overflow", box_.iFd, UINT32_MAX - 3, 8, buf, QV_BOX_ERR_RANGE},
         {"beyond the file", box_.iFd, 281, 8, buf, QV_BOX_ERR_BEYOND},
