@@ -1,5 +1,5 @@
-// qvdump on local log files that the agent wrote: a wrapped one read back in the order written, as
-// text and as JSON Lines, and a damaged one printed as far as it can be read, then refused.
+// qvdump on files that the agent wrote: wrapped local log files and blackboxes read back in the
+// order written, and damaged ones printed as far as they can be read, then refused.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -8,8 +8,10 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "agent_support.h"
 #include "qvagent/qv_agent_bootlog.h"
 #include "qvagent/qv_agent_wire.h"
 #include "test_support.h"
@@ -88,6 +90,72 @@ TEST(Qvdump, DamagedHeadIsReportedAfterWhatCouldBeRead) {
     EXPECT_NE(run.err.find("damaged head: uiWriteOffset 16777215 lies beyond"), std::string::npos) << run.err;
 }
 
+// The log_id of each record line of a blackbox dump, and whether it is marked read.
+std::vector<std::pair<int, bool>> BoxRecords(const std::vector<std::string> &lines) {
+    std::vector<std::pair<int, bool>> out;
+    for (const std::string &line : lines) {
+        const size_t at = line.find("\"log_id\":");
+        if (at == std::string::npos) continue;
+        out.emplace_back(std::atoi(line.c_str() + at + 9), line.find("\"state\":\"read\"") != std::string::npos);
+    }
+    return out;
+}
+
+// A blackbox that the agent wrote, wrapped once, with a datagram read and not acknowledged: its
+// records come back oldest first with the read ones marked; a damaged record head stops the dump.
+TEST(Qvdump, BlackboxRecordsComeBackOldestFirst) {
+    qvtest::ReleaseModule();
+    const std::string path = "/opt/zanthe/var/LOG_dumpbox_blackbox";
+    ::unlink(path.c_str());
+    qvtest::ServiceTypeEnv env("dumpbox");
+    QvAgentModule *m = qvtest::InitWithoutScheduler(qvtest::MakeDesc("dumpsvc"));
+    ASSERT_NE(m, nullptr);
+    ASSERT_EQ(m->bBlackboxEnable, 1u);
+    // Everything written so far is read and acknowledged, so the next records wrap around the end.
+    const auto drain = [&](bool acknowledge) {
+        std::vector<uint8_t> buf(QV_WIRE_SEND_BUFFER_LEN);
+        for (uint32_t got = 1; got != 0;) {
+            uint32_t space = static_cast<uint32_t>(buf.size());
+            m->uiLogSendCnt = 0;
+            ASSERT_EQ(QV_AGENT_ReadBlackbox(buf.data(), &space, &got, m), QV_AGENT_OK);
+            if (!acknowledge) return;
+        }
+        ASSERT_EQ(QV_AGENT_ClearReadedBoxData(), QV_AGENT_OK);
+    };
+    for (int id = 1; id < 1500; ++id) ASSERT_EQ(QV_Agent_ReportLogById(4, id, "port %u down", 7u), 0u);
+    drain(true);
+    for (int id = 1500; id < 2100; ++id) ASSERT_EQ(QV_Agent_ReportLogById(4, id, "port %u down", 7u), 0u);
+    drain(false);  // one datagram's worth
+    const QvAgentBoxHead head = [] {
+        QvAgentBoxHead h{};
+        QV_AGENT_ReadBlackboxHead(g_pstQvAgentLogBox, &h);
+        return h;
+    }();
+    ASSERT_LT(head.uiWritePos, head.uiCommitPos) << "the records wrap around the end";
+
+    const DumpRun run = RunQvdump(path);
+    EXPECT_EQ(run.status, 0) << run.err;
+    const std::vector<std::pair<int, bool>> records = BoxRecords(Lines(run.out));
+    ASSERT_EQ(records.size(), 600u);
+    const uint32_t perRecord = (head.uiReadedLen + head.uiUsedLen) / 600;  // the records are of one size
+    const auto readCount = static_cast<int>(head.uiReadedLen / perRecord);
+    ASSERT_GT(readCount, 0);
+    for (int i = 0; i < 600; ++i) {
+        EXPECT_EQ(records[static_cast<size_t>(i)], std::make_pair(1500 + i, i < readCount)) << i;
+    }
+    EXPECT_NE(run.out.find("\"readed_len\":" + std::to_string(head.uiReadedLen)), std::string::npos);
+
+    const uint32_t damagedAt = head.uiCommitPos;  // the oldest record's head
+    const uint8_t zero = 0;
+    ASSERT_EQ(QV_AGENT_BoxWrite(g_pstQvAgentLogBox->iFd, QV_BOX_HEAD_LEN + damagedAt + QV_BOX_REC_MAGIC_OFF, 1, &zero), 1);
+    const DumpRun damaged = RunQvdump("--kind blackbox " + path);
+    EXPECT_EQ(damaged.status, 3);
+    EXPECT_TRUE(BoxRecords(Lines(damaged.out)).empty());
+    EXPECT_NE(damaged.err.find("no record head at data position " + std::to_string(damagedAt)), std::string::npos)
+        << damaged.err;
+    qvtest::ReleaseModule();
+}
+
 TEST(Qvdump, BadInvocationsAndFilesSayWhy) {
     const std::string shortFile = "/opt/zanthe/short.log";
     const std::string unknown = "/opt/zanthe/unknown.bin";
@@ -109,6 +177,7 @@ TEST(Qvdump, BadInvocationsAndFilesSayWhy) {
         {"/opt/zanthe/none.log", 2, "cannot read"},
         {unknown, 2, "name it with --kind"},
         {"--kind=locallog " + shortFile, 3, "fewer than the 12-byte head"},
+        {"--kind blackbox " + shortFile, 3, "shorter than the head"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.args);
