@@ -6,6 +6,7 @@
 //   <counter>      after each report that returned 0, so the report is in the blackbox
 //   read           soon after a log datagram was packed from the blackbox (seen by polling its head
 //                  every millisecond), so that a parent can kill it before the acknowledgement came
+//   acked          soon after the acknowledgement of what was read was committed to the blackbox
 //   drained        after SIGTERM, once every log record was acknowledged by the collector
 // On SIGTERM it stops reporting and waits (bounded) until the blackbox holds nothing unread or
 // unacknowledged and no log datagram is kept for resending; exit 0 then, 3 when that never happened.
@@ -124,20 +125,22 @@ void AddMs(timespec &t, long ms) {
 void SleepUntil(const timespec &t) { clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &t, nullptr); }
 
 // Says "read" whenever the blackbox's read position moved since the last look, or something read is
-// not yet acknowledged while it was not at the last look. The head is read without the box's mutex: a
-// look at a head being written only moves a line, and with it a kill, by a millisecond.
+// unacknowledged that was not at the last look; says "acked" when nothing read is unacknowledged any
+// more after a read. The head is read without the box's mutex: a look at a head being written only
+// moves a line, and with it a kill, by a millisecond.
 void WatchReads() {
-    uint32_t lastPos = 0;
-    bool wasPending = false;
+    QvAgentBoxHead last{};
     timespec next{};
     clock_gettime(CLOCK_MONOTONIC, &next);
     for (bool first = true; !g_stop.load(); first = false) {
         QvAgentBoxHead head;
         if (QV_AGENT_ReadBlackboxHead(g_pstQvAgentLogBox, &head) == QV_AGENT_OK) {
+            const bool moved = !first && head.uiReadPos != last.uiReadPos;
             const bool pending = head.uiReadedLen != 0;
-            if (!first && (head.uiReadPos != lastPos || (pending && !wasPending))) Say("read");
-            lastPos = head.uiReadPos;
-            wasPending = pending;
+            const bool wasPending = last.uiReadedLen != 0;
+            if (moved || (pending && !wasPending)) Say("read");
+            if (!pending && (moved || wasPending)) Say("acked");
+            last = head;
         }
         AddMs(next, 1);
         SleepUntil(next);
