@@ -115,14 +115,17 @@ void Say(std::string_view text) {
     }
 }
 
-void AddMs(timespec &t, long ms) {
+// Sleeps until ms after the last wake-up (t), or until a signal arrives. A process that fell behind
+// (stopped, or slowed by an emulator) goes on from now instead of catching up in a burst.
+void SleepPeriod(timespec &t, long ms) {
     t.tv_nsec += (ms % 1000) * 1000000L;
     t.tv_sec += ms / 1000 + t.tv_nsec / 1000000000L;
     t.tv_nsec %= 1000000000L;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (now.tv_sec > t.tv_sec || (now.tv_sec == t.tv_sec && now.tv_nsec > t.tv_nsec)) t = now;
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &t, nullptr);
 }
-
-// Sleeps until the absolute monotonic time t, or until a signal arrives.
-void SleepUntil(const timespec &t) { clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &t, nullptr); }
 
 // Says "read" whenever the blackbox's read position moved since the last look, or something read is
 // unacknowledged that was not at the last look; says "acked" when nothing read is unacknowledged any
@@ -142,8 +145,7 @@ void WatchReads() {
             if (!pending && (moved || wasPending)) Say("acked");
             last = head;
         }
-        AddMs(next, 1);
-        SleepUntil(next);
+        SleepPeriod(next, 1);
     }
 }
 
@@ -173,6 +175,7 @@ int main(int argc, char **argv) {
     setenv("PX_SERVICE_TYPE", o.serviceType.c_str(), 1);
     struct sigaction sa {};
     sa.sa_handler = OnTerm;
+    sa.sa_flags = SA_RESTART;  // the agent's threads may take it in the middle of a call
     sigaction(SIGTERM, &sa, nullptr);
 
     QvAgentServiceDesc desc{};
@@ -197,18 +200,15 @@ int main(int argc, char **argv) {
         if (QV_Agent_ReportLogById(kLogKind, kLogId, "count %u", counter) == QV_AGENT_OK) {
             Say(std::to_string(counter));
         }
-        AddMs(next, o.periodMs);
-        SleepUntil(next);
+        SleepPeriod(next, o.periodMs);
     }
     watcher.join();
-    clock_gettime(CLOCK_MONOTONIC, &next);
     for (long waited = 0; waited <= o.drainMs; waited += kPollMs) {
         if (Drained(m)) {
             Say("drained");
             return 0;
         }
-        AddMs(next, kPollMs);
-        SleepUntil(next);
+        SleepPeriod(next, kPollMs);
     }
     QvAgentBoxHead head{};
     QV_AGENT_ReadBlackboxHead(g_pstQvAgentLogBox, &head);
