@@ -18,7 +18,11 @@ QvAgentModule *Agent() {
         desc.uiServiceId = 1;
         desc.uiListLimit = 1u << 20;
         if (std::getenv("QV_BENCH_SYSTEM_ALLOCATOR") != nullptr) QVPLAT_TestSetStarted(0);
-        return QV_Agent_Init(&desc);
+        // A service type opens the blackbox; only the blackbox benchmarks switch it on, for their run.
+        setenv("PX_SERVICE_TYPE", "bench", 0);
+        QvAgentModule *m = QV_Agent_Init(&desc);
+        if (m != nullptr) m->bBlackboxEnable = 0;
+        return m;
     }();
     return module;
 }

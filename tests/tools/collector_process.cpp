@@ -37,7 +37,9 @@ CollectorProcess::~CollectorProcess() {
     }
 }
 
-bool CollectorProcess::Spawn(const std::vector<std::string> &args) {
+bool CollectorProcess::Spawn(const std::vector<std::string> &args) { return SpawnProgram(QV_COLLECTOR_PATH, args); }
+
+bool CollectorProcess::SpawnProgram(const std::string &path, const std::vector<std::string> &args) {
     int pipes[2][2];  // standard output, standard error
     if (pipe2(pipes[0], O_CLOEXEC) != 0 || pipe2(pipes[1], O_CLOEXEC) != 0) return false;
     posix_spawn_file_actions_t actions;
@@ -48,7 +50,7 @@ bool CollectorProcess::Spawn(const std::vector<std::string> &args) {
     for (std::string part; std::getline(emulator, part, '|');) {
         if (!part.empty()) command.push_back(part);
     }
-    command.push_back(QV_COLLECTOR_PATH);
+    command.push_back(path);
     command.insert(command.end(), args.begin(), args.end());
     std::vector<char *> argv;
     for (std::string &a : command) argv.push_back(a.data());

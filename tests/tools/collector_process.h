@@ -1,4 +1,4 @@
-// The real qvcollector as a child process. Test programs run in a network namespace of their own, so
+// The real qvcollector, or another program of the build, as a child process. Test programs run in a network namespace of their own, so
 // the collector's ports are free. Every wait is bounded in time.
 #ifndef QV_TEST_TOOLS_COLLECTOR_PROCESS_H
 #define QV_TEST_TOOLS_COLLECTOR_PROCESS_H
@@ -20,6 +20,8 @@ public:
     // Starts qvcollector (under the emulator in a cross build) with these arguments, its output and
     // errors on pipes.
     bool Spawn(const std::vector<std::string> &args);
+    // The same for the program at path.
+    bool SpawnProgram(const std::string &path, const std::vector<std::string> &args);
     // Starts qvcollector with these options on the given base port and waits for it to announce its
     // ports. False when it could not be started; the reason is then in Stderr().
     bool StartAt(uint16_t base, const std::vector<std::string> &options);
@@ -32,6 +34,7 @@ public:
     // Sends sig, then as WaitExit.
     int Stop(int sig, int timeoutMs);
 
+    bool Running() const { return pid_ > 0; }
     // What was read from standard error so far.
     const std::string &Stderr() const { return text_[1]; }
 
