@@ -9,6 +9,7 @@
 #include "core/bytes.h"
 #include "core/mutex_guard.h"
 #include "core/paths.h"
+#include "core/shared_field.h"
 #include "qvagent/qv_agent_identity.h"
 #include "qvagent/qv_agent_memory.h"
 #include "qvagent/qv_agent_wire.h"
@@ -26,7 +27,7 @@ constexpr mode_t kDevLogMode = 0600;
 MESH_ADDR_S FlushDestination(QvAgentModule *module) {
     MESH_ADDR_S dest{};
     dest.usPort = htons(QV_WIRE_PORT_LOG);
-    if (module->bLocalCollector != 0 || module->bServerInfoValid != 1) {
+    if (qv::LoadShared(module->bLocalCollector) != 0 || qv::LoadShared(module->bServerInfoValid) != 1) {
         dest.uiIpAddr = htonl(INADDR_LOOPBACK);
     } else {
         QV_AGENT_GetMainBoardIpAddr(&dest, module);
@@ -38,17 +39,18 @@ MESH_ADDR_S FlushDestination(QvAgentModule *module) {
 
 uint32_t QV_Agent_SetMainBoardIP(QvAgentModule *module, uint32_t ip) {
     if (module == nullptr || ip == 0) return QV_AGENT_ERR_PARAM;
-    module->uiMainBoardIp = ip;
+    qv::StoreShared(module->uiMainBoardIp, ip);
     return QV_AGENT_OK;
 }
 
 uint32_t QV_Agent_SetLocalIP(QvAgentModule *module, uint32_t ip) {
     if (module == nullptr || ip == 0) return QV_AGENT_ERR_PARAM;
-    if (ip != module->uiSelfIp && module->bLocalCollector == 0 && QV_Agent_InitHandleMutexLock() == QV_AGENT_OK) {
+    if (ip != qv::LoadShared(module->uiSelfIp) && qv::LoadShared(module->bLocalCollector) == 0 &&
+        QV_Agent_InitHandleMutexLock() == QV_AGENT_OK) {
         qv::MutexGuard guard(g_handleMutex);
-        for (uint32_t &state : module->auiMeshState) state = QV_AGENT_MESH_ADDR_CHANGED;
+        for (uint32_t &state : module->auiMeshState) qv::StoreShared(state, QV_AGENT_MESH_ADDR_CHANGED);
     }
-    module->uiSelfIp = ip;
+    qv::StoreShared(module->uiSelfIp, ip);
     return QV_AGENT_OK;
 }
 
@@ -71,7 +73,7 @@ uint32_t QV_Agent_SetServiceInfo(QvAgentModule *module, const char *name, uint32
 uint32_t QV_Agent_SetAttribute(QvAgentModule *module, int32_t attribute, const uint32_t *value) {
     if (module == nullptr || value == nullptr) return QV_AGENT_ERR_PARAM;
     switch (attribute) {
-        case QV_AGENT_ATTR_LIST_LIMIT: module->uiListLimit = *value; return QV_AGENT_OK;
+        case QV_AGENT_ATTR_LIST_LIMIT: qv::StoreShared(module->uiListLimit, *value); return QV_AGENT_OK;
         case QV_AGENT_ATTR_RESERVED: module->uiAttrReserved = *value; return QV_AGENT_OK;
         default: return QV_AGENT_ERR_PARAM;
     }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "core/mutex_guard.h"
+#include "core/shared_field.h"
 #include "qvagent/qv_agent_blackbox.h"
 #include "qvagent/qv_agent_event.h"
 #include "qvagent/qv_agent_memory.h"
@@ -21,7 +22,7 @@ namespace {
 constexpr uint32_t kItemSize = (sizeof(QvAgentListItem) + 15u) & ~15u;
 
 uint32_t LimitOf(const QvAgentModule *module, int32_t k) {
-    return k == static_cast<int32_t>(QV_AGENT_MSG_KPI) ? QV_AGENT_KPI_LIST_LIMIT : module->uiListLimit;
+    return k == static_cast<int32_t>(QV_AGENT_MSG_KPI) ? QV_AGENT_KPI_LIST_LIMIT : qv::LoadShared(module->uiListLimit);
 }
 
 void LinkAtTail(QvAgentSendList &list, QvAgentListItem *item) {

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "core/paths.h"
+#include "core/shared_field.h"
 #include "qvagent/qv_agent_wire.h"
 #include "qvplatform/pal.h"
 
@@ -53,7 +54,7 @@ int LocalOnMainCapableBoard(const QvAgentModule *module) {
 }
 
 bool CollectorIsRemote(const QvAgentModule *module) {
-    return module->bLocalCollector != 1 && module->bServerInfoValid == 1;
+    return qv::LoadShared(module->bLocalCollector) != 1 && qv::LoadShared(module->bServerInfoValid) == 1;
 }
 
 }  // namespace
@@ -110,7 +111,7 @@ void QV_AGENT_DevmDBInfoApiUninit(QvAgentModule *module) {
 void QV_AGENT_GetSelfBoardIp(QvAgentModule *module) {
     if (module == nullptr || module->pfnGetSelfBoardIp == nullptr) return;
     uint32_t ip = 0;
-    if (module->pfnGetSelfBoardIp(&ip) == 0) module->uiSelfIp = htonl(ip);
+    if (module->pfnGetSelfBoardIp(&ip) == 0) qv::StoreShared(module->uiSelfIp, htonl(ip));
 }
 
 void QV_AGENT_GetPositionInfo(QvAgentModule *module) {
@@ -131,22 +132,22 @@ void QV_AGENT_GetPositionInfo(QvAgentModule *module) {
 
 void QV_AGENT_GetLocalServerInfo(QvAgentModule *module) {
     if (module == nullptr) return;
-    module->bServerInfoValid = 1;
+    qv::StoreShared(module->bServerInfoValid, 1);
     if (module->pfnGetSelfBoardType == nullptr) return;
     uint32_t type = 0;
     if (module->pfnGetSelfBoardType(&type) != 0 || IsRemoteBoardType(type)) {
-        module->bLocalCollector = 0;
+        qv::StoreShared(module->bLocalCollector, 0);
     } else if (type != kBoardTypeMainCapable) {
-        module->bLocalCollector = 1;
+        qv::StoreShared(module->bLocalCollector, 1);
     } else if (const int local = LocalOnMainCapableBoard(module); local >= 0) {
-        module->bLocalCollector = static_cast<uint32_t>(local);
+        qv::StoreShared(module->bLocalCollector, static_cast<uint32_t>(local));
     }
 }
 
 uint32_t QV_AGENT_GetLocalIpAddr(MESH_ADDR_S *addr, QvAgentModule *module) {
     if (addr == nullptr || module == nullptr) return QV_AGENT_ERR_PARAM;
     addr->ucAddrType = 0;
-    addr->uiIpAddr = CollectorIsRemote(module) ? module->uiSelfIp : htonl(INADDR_LOOPBACK);
+    addr->uiIpAddr = CollectorIsRemote(module) ? qv::LoadShared(module->uiSelfIp) : htonl(INADDR_LOOPBACK);
     return QV_AGENT_OK;
 }
 
@@ -156,7 +157,7 @@ void QV_AGENT_GetMainBoardIpAddr(MESH_ADDR_S *addr, QvAgentModule *module) {
     uint32_t masterSlot = 0;
     const bool fromLibrary = module->pfnGetSystemMasterIpAndSlotId != nullptr &&
                              module->pfnGetSystemMasterIpAndSlotId(&masterIp, &masterSlot) == 0;
-    addr->uiIpAddr = fromLibrary ? masterIp : module->uiMainBoardIp;
+    addr->uiIpAddr = fromLibrary ? masterIp : qv::LoadShared(module->uiMainBoardIp);
 }
 
 uint32_t QV_AGENT_GetDestIpAddr(MESH_ADDR_S *addr, uint32_t k, QvAgentModule *module) {

@@ -7,10 +7,11 @@
 #include <cstring>
 
 #include "core/mutex_guard.h"
-#include "qvplatform/kev.h"
 #include "core/process_id.h"
+#include "core/shared_field.h"
 #include "qvagent/qv_agent_memory.h"
 #include "qvagent/qv_agent_wire.h"
+#include "qvplatform/kev.h"
 #include "transport/board_discovery.h"
 #include "transport/scheduler.h"
 #include "transport/send_window.h"
@@ -45,7 +46,7 @@ int Pid() { return static_cast<int>(qv::ProcessId()); }
 // A socket that cannot be used: closed, and the kind waits for its re-creation.
 uint32_t GiveUpSocket(QvAgentModule *module, uint32_t k, int32_t fd) {
     MESH_Close(fd);
-    module->auiMeshState[k] = QV_AGENT_MESH_ADDR_CHANGED;
+    qv::StoreShared(module->auiMeshState[k], QV_AGENT_MESH_ADDR_CHANGED);
     return QV_AGENT_ERR_RECOVERY;
 }
 
@@ -59,14 +60,14 @@ uint32_t CreateMeshSocket(QvAgentModule *module, uint32_t k) {
     const int32_t fd = MESH_Socket(MESH_DOMAIN_DEFAULT, MESH_SOCK_DGRAM, MESH_PROTO_DGRAM);
     if (fd == -1) {
         if (k == QV_AGENT_MSG_LOG) return kNoSocketAtAll;
-        module->auiMeshState[k] = QV_AGENT_MESH_ADDR_CHANGED;
+        qv::StoreShared(module->auiMeshState[k], QV_AGENT_MESH_ADDR_CHANGED);
         return QV_AGENT_ERR_RECOVERY;
     }
     if (!MakeNonBlocking(fd)) {
         MESH_Close(fd);
         return QV_AGENT_ERR_RECOVERY;
     }
-    if (module->bServerInfoValid != 1) QV_AGENT_GetLocalServerInfo(module);
+    if (qv::LoadShared(module->bServerInfoValid) != 1) QV_AGENT_GetLocalServerInfo(module);
     MESH_ADDR_S local{};
     QV_AGENT_GetLocalIpAddr(&local, module);
     if (local.uiIpAddr == 0) {
@@ -79,7 +80,7 @@ uint32_t CreateMeshSocket(QvAgentModule *module, uint32_t k) {
         const uint32_t rc = QV_AGENT_AddKEVThreadCtrl(fd, kKinds[k].callback, SchedThread(module), module);
         QV_AGENT_WriteToFile("QV_AGENT_AddKEVThreadCtrl log iFd=%d ret=%d pid=%d", fd, static_cast<int>(rc), Pid());
     }
-    module->auiMeshState[k] = QV_AGENT_STATE_READY;
+    qv::StoreShared(module->auiMeshState[k], QV_AGENT_STATE_READY);
     return QV_AGENT_OK;
 }
 
@@ -93,7 +94,7 @@ MESH_ADDR_S Destination(QvAgentModule *module, int32_t port) {
     MESH_ADDR_S dest{};
     dest.ucAddrType = MESH_ADDR_TYPE_IPV4;
     dest.usPort = htons(static_cast<uint16_t>(port));
-    if (module->bLocalCollector == 0 && module->bServerInfoValid == 1) {
+    if (qv::LoadShared(module->bLocalCollector) == 0 && qv::LoadShared(module->bServerInfoValid) == 1) {
         QV_AGENT_GetMainBoardIpAddr(&dest, module);
     } else {
         dest.uiIpAddr = htonl(INADDR_LOOPBACK);
@@ -120,7 +121,7 @@ uint32_t QV_AGENT_CreateMeshSendKPI(QvAgentModule *module) { return CreateMeshSo
 void QV_AGENT_ReCreateMeshFd(uint32_t k, QvAgentModule * /*module*/) {
     QvAgentModule *module = QV_Agent_GetHandle();
     if (module == nullptr || k >= QV_AGENT_MSG_KIND_COUNT) return;
-    if (module->auiMeshState[k] != QV_AGENT_STATE_READY) {
+    if (qv::LoadShared(module->auiMeshState[k]) != QV_AGENT_STATE_READY) {
         const int32_t fd = module->aiMeshFd[k];
         if (fd != -1) {
             if (kKinds[k].callback != nullptr) {
@@ -130,7 +131,7 @@ void QV_AGENT_ReCreateMeshFd(uint32_t k, QvAgentModule * /*module*/) {
             MESH_Close(fd);
             module->aiMeshFd[k] = -1;
         }
-        module->auiMeshState[k] = QV_AGENT_MESH_ADDR_CHANGED;
+        qv::StoreShared(module->auiMeshState[k], QV_AGENT_MESH_ADDR_CHANGED);
     }
     CreateMeshSocket(module, k);
 }
@@ -149,7 +150,7 @@ uint32_t QV_AGENT_MeshSendTo(int32_t k, const uint8_t *buf, uint32_t len, const 
     module->auiRecreateTick[kind] = module->uiTick;
     ++module->auiRecreateTimes[kind];
     QV_AGENT_GetLocalServerInfo(module);
-    module->auiMeshState[kind] = QV_AGENT_MESH_RECREATE;
+    qv::StoreShared(module->auiMeshState[kind], QV_AGENT_MESH_RECREATE);
     QV_AGENT_ReCreateMeshFd(kind, module);
     if (kind == QV_AGENT_MSG_KPI) return QV_AGENT_OK;
     MESH_ADDR_S fresh{};
@@ -168,7 +169,7 @@ uint32_t QV_AGENT_SendMeshMsg(uint32_t k, int32_t port, QvAgentModule *module) {
         QV_AGENT_WriteToFile(
             "QV_AGENT_SendMeshMsg service=%s%d msgtype=%d bufLen =%d destport=%u destip=0x%x sourceip=0x%x fd=%d",
             module->szServiceName, static_cast<int>(module->uiServiceId), static_cast<int>(k), len,
-            static_cast<unsigned>(port), dest.uiIpAddr, module->uiSelfIp, module->aiMeshFd[k]);
+            static_cast<unsigned>(port), dest.uiIpAddr, qv::LoadShared(module->uiSelfIp), module->aiMeshFd[k]);
         const uint32_t rc =
             QV_AGENT_MeshSendTo(static_cast<int32_t>(k), buffer, static_cast<uint32_t>(len), &dest, module);
         if (rc != QV_AGENT_OK) QV_AGENT_WriteToFile("MESH_SendTo fail errno=%u", rc);

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "core/shared_field.h"
 #include "kpi/kpi_internal.h"
 #include "qvagent/qv_agent_kpi.h"
 #include "qvagent/qv_agent_event.h"
@@ -94,7 +95,7 @@ uint32_t QV_AGENT_DelKEVThreadCtrl(uint32_t fd, uint64_t schedThread, QvAgentMod
 void QV_AGENT_SendMeshMsgTimerProc(int32_t k, int32_t port, QvAgentModule *module) {
     if (module == nullptr || k < 0 || k >= static_cast<int32_t>(QV_AGENT_MSG_KIND_COUNT)) return;
     qv::window::ClearPassCounters(module);
-    if (module->auiMeshState[k] != QV_AGENT_STATE_READY || module->aiMeshFd[k] == -1) {
+    if (qv::LoadShared(module->auiMeshState[k]) != QV_AGENT_STATE_READY || module->aiMeshFd[k] == -1) {
         QV_AGENT_ReCreateMeshFd(static_cast<uint32_t>(k), module);  // and send nothing this tick
         return;
     }
@@ -104,11 +105,11 @@ void QV_AGENT_SendMeshMsgTimerProc(int32_t k, int32_t port, QvAgentModule *modul
 uint32_t QV_AGENT_SendTimerProc(uint64_t /*value1*/, uint64_t /*value2*/, void *arg) {
     auto *module = static_cast<QvAgentModule *>(arg);
     if (module == nullptr) return QV_AGENT_OK;
-    if (module->bServerInfoValid != 1) QV_AGENT_GetLocalServerInfo(module);
+    if (qv::LoadShared(module->bServerInfoValid) != 1) QV_AGENT_GetLocalServerInfo(module);
     ++module->uiTick;
     QV_AGENT_Check_DiagRestrainTree(module);
     for (const auto &pass : kTickPasses) QV_AGENT_SendMeshMsgTimerProc(pass.kind, pass.port, module);
-    if (module->auiMeshState[QV_AGENT_MSG_KPI] == QV_AGENT_STATE_READY) {
+    if (qv::LoadShared(module->auiMeshState[QV_AGENT_MSG_KPI]) == QV_AGENT_STATE_READY) {
         QV_AGENT_SendKpiMsg(QV_AGENT_MSG_KPI, module);
         ++module->uiKpiTick;
         qv::kpi::Simulate(module->uiKpiTick, module);

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "core/shared_field.h"
 #include "kpi/kpi_internal.h"
 #include "qvagent/qv_agent_kpi.h"
 #include "qvagent/qv_agent_memory.h"
@@ -156,7 +157,7 @@ uint32_t QV_AGENT_CreateSocket(QvAgentModule *module) {
     sockaddr_in local{};
     local.sin_family = AF_INET;
     local.sin_port = htons(module->usLocalPort);
-    local.sin_addr.s_addr = module->uiSelfIp;
+    local.sin_addr.s_addr = qv::LoadShared(module->uiSelfIp);
     const int rc = ::bind(module->iSockFd, reinterpret_cast<const sockaddr *>(&local), sizeof local);
     if (rc != 0) {
         QV_AGENT_CloseSocket(module);
@@ -176,8 +177,8 @@ uint32_t QV_AGENT_CloseSocket(QvAgentModule *module) {
 }
 
 uint32_t QV_AGENT_GetIpAddr(QvAgentModule *module) {
-    if (module == nullptr || module->uiMainBoardIp == 0) return htonl(kLoopbackIp);
-    return module->uiMainBoardIp;
+    const uint32_t ip = module != nullptr ? qv::LoadShared(module->uiMainBoardIp) : 0;
+    return ip != 0 ? ip : htonl(kLoopbackIp);
 }
 
 uint32_t QV_AGENT_GetMainAddr(struct sockaddr_in *addr, uint32_t k, QvAgentModule *module) {

@@ -1,5 +1,6 @@
-// Concurrent first use of the agent: threads racing into QV_Agent_Init, and trace lines written from
-// many threads at once.
+// Concurrent use of the agent: threads racing into QV_Agent_Init, trace lines written from many
+// threads at once, and the setters running while services report and the transport sends.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "agent_support.h"
+#include "transport/scheduler.h"
 #include "qvplatform_testctl.h"
 #include "test_support.h"
 
@@ -87,6 +89,55 @@ TEST(ModuleConcurrency, TraceLinesOfManyThreadsNeverInterleave) {
         ++total;
     }
     EXPECT_EQ(total, kThreads * kLines);
+}
+
+// The addresses, the list limit and the mesh states change under the transport's feet: two threads
+// report, a third runs timer ticks (sends, socket re-creation, discovery), a fourth calls the setters.
+// Run under the thread sanitizer, this is the check that every such field is accessed race-free.
+TEST(ModuleConcurrency, SettersRunWhileThreadsReportAndTheTransportSends) {
+    qvtest::ReleaseModule();
+    qvtest::DevmLibraries devm("full");
+    ASSERT_TRUE(devm.ok());
+    QvAgentModule *m = qvtest::InitWithoutScheduler(qvtest::MakeDesc("setters"));
+    ASSERT_NE(m, nullptr);
+    constexpr int kReports = 2000;
+    std::atomic<bool> done{false};
+    std::atomic<int> accepted{0};
+    StartLine start(4);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&] {
+            start.Arrive();
+            for (int i = 1; i <= kReports; ++i) {
+                const uint32_t rc = QV_Agent_ReportLogById(4, static_cast<uint32_t>(i), "port %u down", 7u);
+                EXPECT_TRUE(rc == QV_AGENT_OK || rc == QV_AGENT_ERR_LIST_FULL) << rc;
+                if (rc == QV_AGENT_OK) accepted.fetch_add(1);
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        start.Arrive();
+        while (!done.load()) QV_AGENT_SendTimerProc(0, 0, m);
+    });
+    threads.emplace_back([&] {
+        start.Arrive();
+        for (uint32_t i = 0; !done.load(); ++i) {
+            EXPECT_EQ(QV_Agent_SetMainBoardIP(m, htonl(INADDR_LOOPBACK + (i & 1))), QV_AGENT_OK);
+            EXPECT_EQ(QV_Agent_SetLocalIP(m, htonl(INADDR_LOOPBACK + 2 + (i & 1))), QV_AGENT_OK);
+            const uint32_t limit = (i & 1) != 0 ? 50 : 100000;
+            EXPECT_EQ(QV_Agent_SetAttribute(m, QV_AGENT_ATTR_LIST_LIMIT, &limit), QV_AGENT_OK);
+        }
+    });
+    threads[0].join();
+    threads[1].join();
+    done.store(true);
+    threads[2].join();
+    threads[3].join();
+    EXPECT_GT(accepted.load(), 0);
+    // What waits on the log list was accepted (or is the allocator report of the start).
+    EXPECT_LE(m->astSendList[QV_AGENT_MSG_LOG].uiCount, static_cast<uint32_t>(accepted.load()) + 1);
+    qvtest::ReleaseModule();
+    EXPECT_EQ(qvtest::AgentBlocks(), 0u);
 }
 
 }  // namespace
