@@ -9,5 +9,7 @@
 #include "qv_agent_event.h"
 #include "qv_agent_log.h"
 #include "qv_agent_wire.h"
+#include "qv_agent_transport.h"
+#include "qv_agent_files.h"
 
 #endif
