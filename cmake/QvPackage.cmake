@@ -11,5 +11,17 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/qvagentConfigVersio
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qvagentConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/qvagentConfigVersion.cmake
         DESTINATION ${QV_CMAKE_DIR})
 
+# The pkg-config file finds its prefix from where it lies (${pcfiledir}), so an installed tree works
+# wherever it is installed or moved to. An absolute libdir or includedir is written as it is.
+file(RELATIVE_PATH QV_PC_UP /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" QV_PC_UP "${QV_PC_UP}")
+set(QV_PC_PREFIX "\${pcfiledir}/${QV_PC_UP}")
+foreach(dir LIBDIR INCLUDEDIR)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
+    set(QV_PC_${dir} "${CMAKE_INSTALL_${dir}}")
+  else()
+    set(QV_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
+  endif()
+endforeach()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/qvagent.pc.in ${CMAKE_CURRENT_BINARY_DIR}/qvagent.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qvagent.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -17,6 +17,8 @@
 #include "qv_agent_init.h"
 #include "qv_agent_wire.h"
 
+/* The library is built with hidden visibility; what is declared here is its exported interface. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -138,5 +140,6 @@ uint32_t QV_AGENT_IsNeedUseLogBlackBox(const char *serviceName);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

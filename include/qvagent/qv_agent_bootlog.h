@@ -23,6 +23,8 @@
 
 #include "qv_agent_types.h"
 
+/* The library is built with hidden visibility; what is declared here is its exported interface. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -122,5 +124,6 @@ char *QvAgent_GetLogInfo(void);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

@@ -13,6 +13,8 @@
 
 #include "qv_agent_init.h"
 
+/* The library is built with hidden visibility; what is declared here is its exported interface. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -136,5 +138,6 @@ int32_t QV_AGENT_DiagStatisTreeCompare(const void *key1, const void *key2);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

@@ -11,6 +11,8 @@
 
 #include "qv_agent_init.h"
 
+/* The library is built with hidden visibility; what is declared here is its exported interface. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -51,5 +53,6 @@ uint32_t QV_Agent_FlushToLogFile(QvAgentModule *module);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

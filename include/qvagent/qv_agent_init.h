@@ -13,6 +13,8 @@
 
 #include "qv_agent_types.h"
 
+/* The library is built with hidden visibility; what is declared here is its exported interface. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -176,5 +178,6 @@ uint32_t QV_AGENT_CreateModuleRecovery(QvAgentModule *module);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

@@ -16,6 +16,8 @@
 #include "qv_agent_init.h"
 #include "qv_agent_wire.h"
 
+/* The library is built with hidden visibility; what is declared here is its exported interface. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -213,5 +215,6 @@ void StlmUpdateKpiTestKeyKPI(uint32_t tick, QvAgentModule *handle);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

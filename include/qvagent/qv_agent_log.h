@@ -27,6 +27,8 @@
 #include "qv_agent_init.h"
 #include "qv_agent_types.h"
 
+/* The library is built with hidden visibility; what is declared here is its exported interface. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -239,5 +241,6 @@ uint32_t QV_Agent_GetMsgTypeByQvType(uint32_t objType);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

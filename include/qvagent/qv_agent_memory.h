@@ -14,6 +14,8 @@
 
 #include "qv_agent_types.h"
 
+/* The library is built with hidden visibility; what is declared here is its exported interface. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -50,5 +52,6 @@ uint32_t QV_AGENT_SendMallocLog(struct QvAgentModule *module);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

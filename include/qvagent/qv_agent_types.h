@@ -8,6 +8,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* The library is built with hidden visibility; what is declared here is its exported interface. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -83,5 +85,6 @@ QV_AGENT_STATIC_ASSERT(offsetof(QvAgentTree, pstFirst) == 16, "smallest node at 
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

@@ -11,6 +11,8 @@
 
 #include <stdint.h>
 
+/* The library is built with hidden visibility; what is declared here is its exported interface. */
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -266,5 +268,6 @@ extern "C" {
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

@@ -12,5 +12,6 @@
 #include "qv_agent_bootlog.h"
 #include "qv_agent_kpi.h"
 #include "qv_agent_wire.h"
+#include "qv_agent_transport.h"
 
 #endif

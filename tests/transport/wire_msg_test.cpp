@@ -39,11 +39,10 @@ uint32_t SeqOf(const Bytes &d) { return (uint32_t{d[4]} << 24) | (uint32_t{d[5]}
 uint32_t LenOf(const Bytes &d) { return (uint32_t{d[0]} << 8) | d[1]; }
 
 TEST_F(WireTest, FirstDatagramOfEachKindIsABareStreamStart) {
-    const Bytes zeros8(8, 0);
-    auto withStream = [&](uint8_t type) {
-        Bytes d = {0x00, 0x14, 0x44, 0x01, 0x00, 0x00, 0x00, 0x01, type, 0x00, 0x08, 0x00};
-        d.insert(d.end(), zeros8.begin(), zeros8.end());
-        return d;
+    // A 20-byte datagram: the header, then the stream start of that kind, whose last 8 bytes are zero.
+    auto withStream = [](uint8_t type) {
+        return Bytes{0x00, 0x14, 0x44, 0x01, 0x00, 0x00, 0x00, 0x01, type, 0x00, 0x08, 0x00,
+                     0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
     };
     Queue(QV_AGENT_MSG_LOG, 100, 0xAA);  // records wait behind the stream start
     EXPECT_EQ(Pass(QV_AGENT_MSG_LOG), withStream(1));
