@@ -2,10 +2,11 @@
 // (PAL_StarterSystemStartUpIs, PAL_HandleInitialize, PAL_MemAlloc_F, PAL_MemFree_F), and the test
 // controls that switch the start-up state, read the per-handle counts and make an allocation fail.
 //
-// Every block carries a 16-byte head (magic, handle, size) in front of the caller's bytes. The blocks
-// handed out are also kept in an address set, so that a double or foreign free is refused without
-// reading memory the allocator does not own; the magic then guards against a head overwritten by the
-// caller. One mutex guards handles, counts and the set.
+// Every block carries an 8-byte head in front of the caller's bytes, as a device's allocator does: a
+// live mark, the handle and the size. Like the device's, allocation and release take no lock: their
+// callers serialise them (the agent holds its memory mutex around every call). The counts are atomics
+// changed by a plain load and store, so that they cost no locked instruction and can still be read
+// from any thread. Only handle registration takes a mutex of its own.
 #include <string.h>
 
 #include <atomic>
@@ -26,104 +27,28 @@ constexpr uint32_t kFail = 1;
 constexpr std::size_t kMaxHandles = 64;
 constexpr std::size_t kMaxNameLen = 63;
 
-constexpr uint32_t kLiveMagic = 0x51A110C5u;
+constexpr uint16_t kLiveMark = 0xA110;
 // While tests ask for it, new blocks are filled with this, so that a caller relying on zeroed memory
 // fails visibly. Off otherwise: it would dominate the cost of the agent's report paths in benchmarks.
 constexpr unsigned char kFreshFill = 0xA5;
 
-struct alignas(16) BlockHead {
-    uint32_t magic;  // kLiveMagic while the block is handed out, 0 once released
-    uint32_t handle;
-    uint64_t size;
+struct BlockHead {
+    uint16_t mark;    // kLiveMark while the block is handed out, 0 once released
+    uint16_t handle;  // handles are at most kMaxHandles
+    uint32_t size;
 };
-static_assert(sizeof(BlockHead) == 16, "the head keeps malloc's 16-byte alignment for the caller");
-static_assert(alignof(std::max_align_t) >= 16, "malloc must give 16-byte aligned blocks");
-
-// Addresses of the blocks handed out: open addressing with linear probing and backward-shift
-// deletion, so there are no tombstones. 0 marks an empty slot. Trivially destructible, so a block
-// freed from a static destructor after this file's statics are gone still finds it intact.
-struct BlockSet {
-    uintptr_t *slots;
-    std::size_t capacity;  // a power of two, or 0 before the first block
-    std::size_t count;
-};
-
-constexpr std::size_t kFirstCapacity = 256;
-
-std::size_t HomeSlot(uintptr_t addr, std::size_t capacity) {
-    // Blocks are 16-byte aligned: drop the bits that never vary, then spread with Fibonacci hashing.
-    const uint64_t spread = static_cast<uint64_t>(addr >> 4) * 0x9E3779B97F4A7C15ull;
-    return static_cast<std::size_t>(spread >> 32) & (capacity - 1);
-}
-
-// The slot holding addr, or the empty slot where it would go. The set must have room.
-std::size_t Probe(const BlockSet &set, uintptr_t addr) {
-    std::size_t slot = HomeSlot(addr, set.capacity);
-    while (set.slots[slot] != 0 && set.slots[slot] != addr) {
-        slot = (slot + 1) & (set.capacity - 1);
-    }
-    return slot;
-}
-
-bool Contains(const BlockSet &set, uintptr_t addr) {
-    return set.count != 0 && set.slots[Probe(set, addr)] == addr;
-}
-
-bool Grow(BlockSet &set) {
-    const std::size_t capacity = set.capacity != 0 ? set.capacity * 2 : kFirstCapacity;
-    auto *slots = static_cast<uintptr_t *>(std::calloc(capacity, sizeof(uintptr_t)));
-    if (slots == nullptr) {
-        return false;
-    }
-    BlockSet bigger{slots, capacity, set.count};
-    for (std::size_t i = 0; i < set.capacity; ++i) {
-        if (set.slots[i] != 0) {
-            bigger.slots[Probe(bigger, set.slots[i])] = set.slots[i];
-        }
-    }
-    std::free(set.slots);
-    set = bigger;
-    return true;
-}
-
-// Adds addr; false when the set is full and cannot grow. Kept at most three quarters full.
-bool Insert(BlockSet &set, uintptr_t addr) {
-    if ((set.count + 1) * 4 > set.capacity * 3 && !Grow(set)) {
-        return false;
-    }
-    set.slots[Probe(set, addr)] = addr;
-    ++set.count;
-    return true;
-}
-
-// Removes addr, which must be present.
-void Erase(BlockSet &set, uintptr_t addr) {
-    const std::size_t mask = set.capacity - 1;
-    std::size_t hole = Probe(set, addr);
-    // Pull each later member of the probe run back into the hole when the hole lies between that
-    // member's home slot and its present slot, so no lookup ever stops early at the emptied slot.
-    for (std::size_t slot = (hole + 1) & mask; set.slots[slot] != 0; slot = (slot + 1) & mask) {
-        const std::size_t fromHome = (slot - HomeSlot(set.slots[slot], set.capacity)) & mask;
-        if (fromHome >= ((slot - hole) & mask)) {
-            set.slots[hole] = set.slots[slot];
-            hole = slot;
-        }
-    }
-    set.slots[hole] = 0;
-    --set.count;
-}
+static_assert(sizeof(BlockHead) == 8, "blocks keep the 8-byte alignment of every type the agent stores");
 
 struct HandleEntry {
     char name[kMaxNameLen + 1];
-    uint64_t blocks;
-    uint64_t bytes;
+    std::atomic<uint64_t> blocks;
+    std::atomic<uint64_t> bytes;
 };
 
 struct Allocator {
-    std::mutex mutex;
+    std::mutex mutex;                  // guards registration
     HandleEntry handles[kMaxHandles];  // handle h is handles[h - 1]; 0 is never given out
-    std::size_t handleCount;
-    BlockSet blocks;
+    std::atomic<std::size_t> handleCount;
 };
 
 constinit Allocator g_allocator{};
@@ -132,56 +57,29 @@ constinit std::atomic<uint32_t> g_freshFill{0};
 constinit std::atomic<uint64_t> g_allocCalls{0};
 constinit std::atomic<uint64_t> g_failCountdown{0};  // n: the nth allocation from now fails; 0: none
 
-// The entry of a handle given out, or null. Caller holds the mutex.
+// The entry of a handle given out, or null.
 HandleEntry *EntryOf(uint32_t handle) {
-    if (handle == 0 || handle > g_allocator.handleCount) {
+    if (handle == 0 || handle > g_allocator.handleCount.load(std::memory_order_acquire)) {
         return nullptr;
     }
     return &g_allocator.handles[handle - 1];
 }
 
+// Adds change to a count that only serialised callers change.
+void Add(std::atomic<uint64_t> &count, uint64_t change) {
+    count.store(count.load(std::memory_order_relaxed) + change, std::memory_order_relaxed);
+}
+
 // Counts this call down towards the failure asked for; true for the call that is to fail.
 bool TakeInjectedFailure() {
-    uint64_t left = g_failCountdown.load();
-    while (left != 0 && !g_failCountdown.compare_exchange_weak(left, left - 1)) {
-    }
+    const uint64_t left = g_failCountdown.load(std::memory_order_relaxed);
+    if (left != 0) g_failCountdown.store(left - 1, std::memory_order_relaxed);
     return left == 1;
 }
 
-// Books a fresh block on its handle; false when the handle is unknown or the set cannot grow.
-bool Book(uint32_t handle, uintptr_t addr, uint32_t size) {
-    const std::lock_guard lock(g_allocator.mutex);
-    HandleEntry *entry = EntryOf(handle);
-    if (entry == nullptr || !Insert(g_allocator.blocks, addr)) {
-        return false;
-    }
-    ++entry->blocks;
-    entry->bytes += size;
-    return true;
-}
-
-// Takes a block off the books; false when it is not a live block of this allocator or its head
-// was overwritten (it is then left outstanding rather than freed on false information).
-bool Unbook(uintptr_t addr, BlockHead *head) {
-    const std::lock_guard lock(g_allocator.mutex);
-    if (!Contains(g_allocator.blocks, addr) || head->magic != kLiveMagic) {
-        return false;
-    }
-    HandleEntry *entry = EntryOf(head->handle);
-    if (entry == nullptr || entry->blocks == 0 || entry->bytes < head->size) {
-        return false;
-    }
-    Erase(g_allocator.blocks, addr);
-    --entry->blocks;
-    entry->bytes -= head->size;
-    head->magic = 0;
-    return true;
-}
-
-uint64_t ReadCount(uint32_t handle, uint64_t HandleEntry::*field) {
-    const std::lock_guard lock(g_allocator.mutex);
+uint64_t ReadCount(uint32_t handle, std::atomic<uint64_t> HandleEntry::*field) {
     const HandleEntry *entry = EntryOf(handle);
-    return entry != nullptr ? entry->*field : 0;
+    return entry != nullptr ? (entry->*field).load(std::memory_order_relaxed) : 0;
 }
 
 }  // namespace
@@ -203,22 +101,25 @@ extern "C" uint32_t PAL_HandleInitialize(const char *name, uint32_t *handle) {
         return kFail;
     }
     const std::lock_guard lock(g_allocator.mutex);
-    for (std::size_t i = 0; i < g_allocator.handleCount; ++i) {
+    const std::size_t count = g_allocator.handleCount.load(std::memory_order_relaxed);
+    for (std::size_t i = 0; i < count; ++i) {
         if (std::strcmp(g_allocator.handles[i].name, name) == 0) {
             *handle = static_cast<uint32_t>(i + 1);
             return kOk;
         }
     }
-    if (g_allocator.handleCount == kMaxHandles) {
+    if (count == kMaxHandles) {
         return kFail;
     }
-    std::memcpy(g_allocator.handles[g_allocator.handleCount].name, name, length + 1);
-    ++g_allocator.handleCount;
-    *handle = static_cast<uint32_t>(g_allocator.handleCount);
+    std::memcpy(g_allocator.handles[count].name, name, length + 1);
+    // Published after its name, so that a lock-free reader of the count sees a complete entry.
+    g_allocator.handleCount.store(count + 1, std::memory_order_release);
+    *handle = static_cast<uint32_t>(count + 1);
     return kOk;
 }
 
-// A block of size bytes (any size, 0 included), 16-byte aligned and not cleared, booked on handle.
+// A block of size bytes (any size, 0 included), 8-byte aligned and not cleared, booked on handle.
+// Calls of this and PAL_MemFree_F must not overlap.
 // Null for a handle never given out, when memory runs out, or for the call made to fail by
 // QVPLAT_TestFailAllocation. Every call counts in QVPLAT_TestAllocCalls. flags, file and line are
 // the caller's notes and change nothing.
@@ -227,27 +128,28 @@ extern "C" void *PAL_MemAlloc_F(uint32_t handle, uint32_t flags, uint32_t size, 
     static_cast<void>(flags);
     static_cast<void>(file);
     static_cast<void>(line);
-    g_allocCalls.fetch_add(1);
-    if (TakeInjectedFailure()) {
+    Add(g_allocCalls, 1);
+    HandleEntry *entry = EntryOf(handle);
+    if (entry == nullptr || TakeInjectedFailure()) {
         return nullptr;
     }
     auto *head = static_cast<BlockHead *>(std::malloc(sizeof(BlockHead) + size));
     if (head == nullptr) {
         return nullptr;
     }
-    *head = BlockHead{kLiveMagic, handle, size};
+    *head = BlockHead{kLiveMark, static_cast<uint16_t>(handle), size};
+    Add(entry->blocks, 1);
+    Add(entry->bytes, size);
     auto *payload = reinterpret_cast<unsigned char *>(head + 1);
-    if (!Book(handle, reinterpret_cast<uintptr_t>(payload), size)) {
-        std::free(head);
-        return nullptr;
-    }
     if (g_freshFill.load(std::memory_order_relaxed) != 0) std::memset(payload, kFreshFill, size);
     return payload;
 }
 
 // Releases a block of PAL_MemAlloc_F and takes it off the books of the handle it was allocated on
-// (the handle passed here is not consulted). Nonzero, with nothing changed, for null, a pointer this
-// allocator never gave out, a block already released, or a block whose head was overwritten.
+// (the handle passed here is not consulted). Nonzero, with nothing changed, for null or a block whose
+// head no longer carries the live mark (written over by its caller, or an address inside a block).
+// Like free(), a pointer that never came from here, or one released before, is the caller's fault and
+// not detected reliably.
 extern "C" uint32_t PAL_MemFree_F(uint32_t handle, void *ptr, const char *file, uint32_t line) {
     static_cast<void>(handle);
     static_cast<void>(file);
@@ -255,12 +157,14 @@ extern "C" uint32_t PAL_MemFree_F(uint32_t handle, void *ptr, const char *file, 
     if (ptr == nullptr) {
         return kFail;
     }
-    // The head is only touched once the address is known to be a live block.
-    const uintptr_t addr = reinterpret_cast<uintptr_t>(ptr);
-    auto *head = reinterpret_cast<BlockHead *>(addr - sizeof(BlockHead));
-    if (!Unbook(addr, head)) {
+    auto *head = static_cast<BlockHead *>(ptr) - 1;
+    HandleEntry *entry = head->mark == kLiveMark ? EntryOf(head->handle) : nullptr;
+    if (entry == nullptr) {
         return kFail;
     }
+    head->mark = 0;
+    Add(entry->blocks, ~uint64_t{0});
+    Add(entry->bytes, uint64_t{0} - head->size);
     std::free(head);
     return kOk;
 }
@@ -287,7 +191,7 @@ extern "C" uint64_t QVPLAT_TestAllocCalls(void) {
     return g_allocCalls.load();
 }
 
-// The nth call of PAL_MemAlloc_F from now (n >= 1, counted over all threads) fails, once; 0 cancels.
+// The nth call of PAL_MemAlloc_F from now (n >= 1) fails, once; 0 cancels.
 extern "C" void QVPLAT_TestFailAllocation(uint64_t nth) {
     g_failCountdown.store(nth);
 }

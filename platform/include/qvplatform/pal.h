@@ -24,11 +24,12 @@ uint32_t PAL_StarterSystemStartUpIs(void);
  * success. */
 uint32_t PAL_HandleInitialize(const char *name, uint32_t *handle);
 
-/* Accounted allocation: counts blocks and bytes outstanding per handle. Null on failure. */
+/* Accounted allocation: counts blocks and bytes outstanding per handle. Null on failure. Blocks are
+ * 8-byte aligned. Allocation and release take no lock: callers serialise their calls. */
 void *PAL_MemAlloc_F(uint32_t handle, uint32_t flags, uint32_t size, const char *file, uint32_t line);
 
-/* Releases a block of PAL_MemAlloc_F; 0 on success, nonzero (and nothing changed) for a null, foreign
- * or already released block. */
+/* Releases a block of PAL_MemAlloc_F; 0 on success, nonzero (and nothing changed) for null or a block
+ * whose head is not that of a live block. As with free(), passing anything else is undefined. */
 uint32_t PAL_MemFree_F(uint32_t handle, void *ptr, const char *file, uint32_t line);
 
 /* ---- AVL trees ----
