@@ -23,26 +23,34 @@ constexpr uint32_t kLineFreeWithInit = 66;
 constexpr uint32_t kLineMalloc = 79;
 constexpr uint32_t kLineFree = 97;
 
-// Changed only under g_farnoInitMutex; atomic so that it can be read without it.
+// Changed only under g_farnoInitMutex, so a plain load and store count it; atomic so that it can be
+// read without the mutex.
 std::atomic<uint64_t> g_blocksOutstanding{0};
 
+void CountBlocks(int64_t change) {
+    g_blocksOutstanding.store(g_blocksOutstanding.load(std::memory_order_relaxed) + static_cast<uint64_t>(change),
+                              std::memory_order_relaxed);
+}
+
+// Every report takes and gives back several blocks, each under the memory mutex for a few instructions:
+// the brief guard keeps two reporting threads from putting each other to sleep there.
 void *Allocate(uint32_t size, uint32_t line) {
-    qv::MutexGuard guard(g_farnoInitMutex);
+    qv::BriefMutexGuard guard(g_farnoInitMutex);
     void *block = g_farnoInited != 0 ? PAL_MemAlloc_F(g_qvagentMemHandle, 0, size, kAllocOrigin, line)
                                      : std::malloc(size);
-    if (block != nullptr) g_blocksOutstanding.fetch_add(1, std::memory_order_relaxed);
+    if (block != nullptr) CountBlocks(1);
     return block;
 }
 
 void Release(void *block, uint32_t line) {
     if (block == nullptr) return;
-    qv::MutexGuard guard(g_farnoInitMutex);
+    qv::BriefMutexGuard guard(g_farnoInitMutex);
     if (g_farnoInited != 0) {
         PAL_MemFree_F(g_qvagentMemHandle, block, kAllocOrigin, line);
     } else {
         std::free(block);
     }
-    g_blocksOutstanding.fetch_sub(1, std::memory_order_relaxed);
+    CountBlocks(-1);
 }
 
 }  // namespace

@@ -16,8 +16,6 @@
 
 namespace {
 
-// What the blackbox answers when it has no room: the record goes to the in-memory list instead.
-
 // The record copy follows the item in the same block, aligned as the allocator aligns blocks.
 constexpr uint32_t kItemSize = (sizeof(QvAgentListItem) + 15u) & ~15u;
 
@@ -57,11 +55,10 @@ uint32_t MaxRecordLen(uint32_t k) { return QV_WIRE_MAX_LIST_DATAGRAM - qv::wire:
 
 }  // namespace qv::sendlist
 
-uint32_t QV_AGENT_AddLogToDataList(const uint8_t *data, uint32_t len, int32_t k, QvAgentModule *module) {
-    if ((data == nullptr && len != 0) || module == nullptr || k < 0 ||
-        k >= static_cast<int32_t>(QV_AGENT_MSG_KIND_COUNT)) {
-        return QV_AGENT_ERR_PARAM;
-    }
+namespace {
+
+// A new item holding a copy of the record, not yet on any list; the caller links or releases it.
+uint32_t NewItem(const uint8_t *data, uint32_t len, QvAgentModule *module, QvAgentListItem **out) {
     if (len > UINT32_MAX - kItemSize) return QV_AGENT_ERR_NO_MEMORY;
     auto *block = static_cast<uint8_t *>(QV_AGENT_Malloc(kItemSize + len, module));
     if (block == nullptr) return QV_AGENT_ERR_NO_MEMORY;
@@ -75,25 +72,56 @@ uint32_t QV_AGENT_AddLogToDataList(const uint8_t *data, uint32_t len, int32_t k,
             return static_cast<uint32_t>(rc);
         }
     }
+    *out = item;
+    return QV_AGENT_OK;
+}
+
+// Links a new item at the tail of list k, or releases it when the list is above its limit. The caller
+// holds the list's mutex.
+uint32_t Admit(QvAgentModule *module, int32_t k, QvAgentListItem *item) {
     QvAgentSendList &list = module->astSendList[k];
     // The count may reach the limit: a list holds up to limit + 1 items.
     if (list.uiCount > LimitOf(module, k)) {
-        QV_AGENT_Free(block, module);
+        qv::sendlist::Release(item, module);
         return QV_AGENT_ERR_LIST_FULL;
     }
     LinkAtTail(list, item);
     return QV_AGENT_OK;
 }
 
+// A log record while the blackbox is on: stored in the box, or queued on list 0 when the box is full.
+// The box and the list are changed under the list mutex together.
+uint32_t AddThroughBlackbox(const uint8_t *record, uint32_t len, QvAgentModule *module) {
+    qv::MutexGuard guard(module->stListMutex);
+    const uint32_t rc = QV_AGENT_WriteBlackbox(record, len);
+    if (rc != QV_AGENT_BOX_FULL) return rc;
+    if (len > qv::sendlist::MaxRecordLen(QV_AGENT_MSG_LOG)) return QV_AGENT_ERR_NO_ROOM;
+    return QV_AGENT_AddLogToDataList(record, len, static_cast<int32_t>(QV_AGENT_MSG_LOG), module);
+}
+
+}  // namespace
+
+uint32_t QV_AGENT_AddLogToDataList(const uint8_t *data, uint32_t len, int32_t k, QvAgentModule *module) {
+    if ((data == nullptr && len != 0) || module == nullptr || k < 0 ||
+        k >= static_cast<int32_t>(QV_AGENT_MSG_KIND_COUNT)) {
+        return QV_AGENT_ERR_PARAM;
+    }
+    QvAgentListItem *item = nullptr;
+    const uint32_t rc = NewItem(data, len, module, &item);
+    return rc != QV_AGENT_OK ? rc : Admit(module, k, item);
+}
+
+// The copy is made before the list mutex is taken, so that two reporting threads meet only for the
+// few instructions that check the limit and link the item. bBlackboxEnable is set once, at creation.
 uint32_t QV_AGENT_AddSendBuf(const uint8_t *record, uint32_t len, uint32_t k, QvAgentModule *module) {
     if (record == nullptr || module == nullptr || k >= QV_AGENT_MSG_KPI) return QV_AGENT_ERR_PARAM;
     if (k == QV_AGENT_MSG_DEBUG && DebugCapReached(module)) return QV_AGENT_ERR_LIST_FULL;
-    qv::MutexGuard guard(module->stListMutex);
-    if (k == QV_AGENT_MSG_LOG && module->bBlackboxEnable != 0) {
-        const uint32_t rc = QV_AGENT_WriteBlackbox(record, len);
-        if (rc != QV_AGENT_BOX_FULL) return rc;
-    }
+    if (k == QV_AGENT_MSG_LOG && module->bBlackboxEnable != 0) return AddThroughBlackbox(record, len, module);
     // A record that no datagram could carry would block its list for good: it never enters it.
     if (len > qv::sendlist::MaxRecordLen(k)) return QV_AGENT_ERR_NO_ROOM;
-    return QV_AGENT_AddLogToDataList(record, len, static_cast<int32_t>(k), module);
+    QvAgentListItem *item = nullptr;
+    const uint32_t rc = NewItem(record, len, module, &item);
+    if (rc != QV_AGENT_OK) return rc;
+    qv::BriefMutexGuard guard(module->stListMutex);
+    return Admit(module, static_cast<int32_t>(k), item);
 }
