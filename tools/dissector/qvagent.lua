@@ -471,12 +471,17 @@ function qv.dissector(tvb, pinfo, root)
         to_port = port_offset(pinfo.dst_port, base)
         from_port = port_offset(pinfo.src_port, base)
     end
-    if bit.band(tvb(2, 1):uint(), FLAG_ACK) ~= 0 and from_port then
+    local ack = bit.band(tvb(2, 1):uint(), FLAG_ACK) ~= 0
+    if to_port then
+        if ack then
+            bad(tree, "an acknowledgement sent to the collector")
+        else
+            dissect_to_collector(tree, tvb, pinfo, to_port)
+        end
+    elseif ack then
         dissect_ack(tree, tvb, pinfo, from_port)
-    elseif to_port then
-        dissect_to_collector(tree, tvb, pinfo, to_port)
     else
-        bad(tree, "neither to nor from a collector port")
+        bad(tree, "a reply from the collector without the acknowledgement flag")
     end
     return tvb:len()
 end
