@@ -26,7 +26,7 @@ local OPT_MARKER = 0xAAAAAA00
 local REC_KIND_DEBUG = 8
 local OPT_SERVICE_NAME = 67
 local KPI_HEAD_LEN, KPI_REC_LEN, KPI_COMPONENT_OFFSET = 12, 28, 10000
-local PORT_LOG, PORT_ALARM, PORT_HPLOG, PORT_KPI, PORT_DEBUG = 0, 1, 2, 3, 4   -- offsets from the base port
+local PORT_LOG, PORT_ALARM, PORT_KPI, PORT_DEBUG = 0, 1, 3, 4   -- offsets from the base port (2: high-precision log)
 local PORT_KIND = { [0] = "log", "alarm", "hplog", "kpi", "debug" }
 
 local msg_types = { [MSG_NUMBERED] = "numbered datagram", [MSG_FLUSH] = "flush notice", [MSG_KPI] = "KPI packet" }
