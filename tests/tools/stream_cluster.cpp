@@ -53,6 +53,10 @@ bool Child::Start(const std::vector<std::string> &argv, const std::string &outFi
     return pid_ > 0;
 }
 
+void Child::Signal(int sig) const {
+    if (pid_ > 0) kill(pid_, sig);
+}
+
 int Child::Stop(int sig, int timeoutMs) {
     if (pid_ <= 0) return -1;
     kill(pid_, sig);

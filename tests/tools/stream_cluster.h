@@ -21,6 +21,7 @@ public:
     Child &operator=(Child &&) = delete;
 
     bool Start(const std::vector<std::string> &argv, const std::string &outFile, const std::string &errFile);
+    void Signal(int sig) const;
     // Sends sig and waits up to timeoutMs; the exit status, or -1 (then it was killed).
     int Stop(int sig, int timeoutMs);
     bool Running() const { return pid_ > 0; }

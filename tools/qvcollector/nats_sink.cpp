@@ -129,7 +129,9 @@ void NatsSink::EnsureStream() {
 }
 
 bool NatsSink::Publish(const ToStore &item, uint64_t token) {
-    if (!ready_) return false;
+    // While disconnected the client would buffer the message and send it after reconnecting, perhaps
+    // after its answer timed out and the agent gave up: stored but counted missing. Refused instead.
+    if (!ready_ || natsConnection_Status(h_->conn) != NATS_CONN_STATUS_CONNECTED) return false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (unanswered_.size() >= kWindow) return false;
