@@ -98,6 +98,26 @@ std::string ReadFile(const std::string &path) {
     return s.str();
 }
 
+std::string HttpGet(uint16_t port, const std::string &path, const std::string &accept) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(port);
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::string response;
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa) == 0) {
+        std::string request = "GET " + path + " HTTP/1.0\r\n";
+        if (!accept.empty()) request += "Accept: " + accept + "\r\n";
+        request += "\r\n";
+        if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+            char buf[4096];
+            for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) response.append(buf, static_cast<size_t>(n));
+        }
+    }
+    close(fd);
+    return response;
+}
+
 Cluster::Cluster(std::string dir, uint16_t base, int nodes) : dir_(std::move(dir)), base_(base) {
     mkdir(dir_.c_str(), 0755);
     nodes_.resize(static_cast<size_t>(nodes));

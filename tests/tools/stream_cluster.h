@@ -1,6 +1,7 @@
 // Processes for the stream tests: a child with its output in a file, and a JetStream cluster of
 // nats-server nodes on loopback ports of the test's own network namespace, each node killed and
-// restarted at will with its store kept. Files go under a directory of the test's private /opt.
+// restarted at will with its store kept; and a plain HTTP GET for the metrics endpoint. Files go
+// under a directory of the test's private /opt.
 #ifndef QV_TEST_TOOLS_STREAM_CLUSTER_H
 #define QV_TEST_TOOLS_STREAM_CLUSTER_H
 
@@ -34,6 +35,8 @@ private:
 bool WaitListening(uint16_t port, int timeoutMs);
 // The whole content of a file, or empty.
 std::string ReadFile(const std::string &path);
+// The whole response (status line, headers, body) of GET path from 127.0.0.1:port, or empty.
+std::string HttpGet(uint16_t port, const std::string &path, const std::string &accept = "");
 
 class Cluster {
 public:

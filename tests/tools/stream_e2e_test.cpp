@@ -13,6 +13,7 @@
 
 #include <cctype>
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <set>
@@ -258,4 +259,51 @@ TEST_F(StreamEndToEnd, NothingIsAcknowledgedWhileTheStreamIsDown) {
     EXPECT_EQ(collector.Stat("log", "missing"), lost);
     EXPECT_EQ(collector.Stat("log", "stream_duplicates"), 1);
     EXPECT_GE(collector.Stat("log", "publish_failed"), 5);
+}
+
+// The metrics endpoint of a collector with a stream: promtool accepts what it serves, the OpenMetrics
+// form ends as it must, and a real Prometheus scrapes it and answers a query for the records counter.
+TEST_F(StreamEndToEnd, PrometheusScrapesTheMetrics) {
+    Cluster cluster(kDir + "/metrics", 4320, 1);
+    ASSERT_TRUE(cluster.StartAll(kStartMs));
+    Child collector;
+    ASSERT_TRUE(collector.Start({QV_COLLECTOR_PATH, "--nats", cluster.Urls(), "--metrics", "127.0.0.1:9464"},
+                                "/dev/null", kDir + "/metrics-collector.err"));
+    FastSender sender;
+    for (uint32_t seq = 1; seq <= 4; ++seq) ASSERT_TRUE(sender.Deliver(seq, 50, 200)) << seq;
+
+    const std::string classic = HttpGet(9464, "/metrics");
+    const std::string body = classic.substr(classic.find("\r\n\r\n") + 4);
+    std::ofstream(kDir + "/metrics.txt") << body;
+    Child promtool;
+    ASSERT_TRUE(promtool.Start({"sh", "-c", "promtool check metrics < " + kDir + "/metrics.txt"}, kDir + "/promtool.out",
+                               kDir + "/promtool.out"));
+    EXPECT_EQ(promtool.Stop(0, kStopMs), 0) << ReadFile(kDir + "/promtool.out") << body;
+    const std::string open = HttpGet(9464, "/metrics", "application/openmetrics-text;version=1.0.0");
+    EXPECT_NE(open.find("application/openmetrics-text"), std::string::npos) << open;
+    EXPECT_NE(open.find("\nqvcollector_records_total{kind=\"log\"} 3\n"), std::string::npos) << open;
+    EXPECT_NE(open.find("\nqvcollector_publishes_pending{kind=\"log\"} 0\n"), std::string::npos) << open;
+    EXPECT_EQ(open.substr(open.size() - 6), "# EOF\n");
+    EXPECT_NE(HttpGet(9464, "/other").find(" 404 "), std::string::npos);
+
+    std::ofstream(kDir + "/prometheus.yml") << "global:\n  scrape_interval: 200ms\n"
+                                               "scrape_configs:\n  - job_name: qvcollector\n"
+                                               "    static_configs:\n      - targets: ['127.0.0.1:9464']\n";
+    Child prometheus;
+    ASSERT_TRUE(prometheus.Start({"prometheus", "--config.file=" + kDir + "/prometheus.yml",
+                                  "--storage.tsdb.path=" + kDir + "/tsdb", "--web.listen-address=127.0.0.1:9090"},
+                                 kDir + "/prometheus.log", kDir + "/prometheus.log"));
+    ASSERT_TRUE(WaitListening(9090, kStartMs)) << ReadFile(kDir + "/prometheus.log");
+    std::string answer;
+    const bool answered = WaitUntil(
+        [&] {
+            answer = HttpGet(9090, "/api/v1/query?query=qvcollector_records_total%7Bkind%3D%22log%22%7D");
+            return answer.find("\"value\":[") != std::string::npos;
+        },
+        20000);
+    EXPECT_TRUE(answered) << answer << ReadFile(kDir + "/prometheus.log");
+    EXPECT_NE(answer.find(",\"3\"]"), std::string::npos) << answer;
+    EXPECT_NE(answer.find("\"job\":\"qvcollector\""), std::string::npos) << answer;
+    prometheus.Stop(SIGTERM, kStopMs);
+    EXPECT_EQ(collector.Stop(SIGTERM, kStopMs), 0);
 }

@@ -1,6 +1,7 @@
 // qvcollector: the collector at the other end of the agent's datagrams, for operators and tests.
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -9,6 +10,9 @@
 #include "socket_loop.h"
 #ifdef QV_COLLECTOR_WITH_NATS
 #include "nats_sink.h"
+#endif
+#ifdef QV_COLLECTOR_WITH_METRICS
+#include "metrics_http.h"
 #endif
 
 namespace {
@@ -54,7 +58,23 @@ int main(int argc, char **argv) {
 #endif
 
     Collector collector(options);
-    const LoopEnd end = RunLoop(options, collector, store);
+    std::function<void()> afterWake;
+#ifdef QV_COLLECTOR_WITH_METRICS
+    MetricsHttp metrics;
+    if (!options.metrics.empty()) {
+        if (const auto err = metrics.Start(options.metrics, store != nullptr)) {
+            std::fprintf(stderr, "qvcollector: %s\n", err->c_str());
+            return 2;
+        }
+        afterWake = [&] { metrics.Update(collector.Stats()); };
+    }
+#else
+    if (!options.metrics.empty()) {
+        std::fputs("qvcollector: built without libmicrohttpd: --metrics is not available\n", stderr);
+        return 1;
+    }
+#endif
+    const LoopEnd end = RunLoop(options, collector, store, afterWake);
     if (!end.bound) {
         std::fprintf(stderr, "qvcollector: %s\n", end.error.c_str());
         return 2;
