@@ -26,6 +26,7 @@ public:
     // Sends sig and waits up to timeoutMs; the exit status, or -1 (then it was killed).
     int Stop(int sig, int timeoutMs);
     bool Running() const { return pid_ > 0; }
+    pid_t Pid() const { return pid_; }
 
 private:
     pid_t pid_ = -1;
