@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -60,6 +61,8 @@ double CpuSeconds(pid_t pid) {
 void BM_CollectorRecords(benchmark::State &state) {
     const bool stream = state.range(0) != 0;
     const auto agents = static_cast<int>(state.range(1));
+    // A fresh store each run: the scratch /opt is small, and stores of earlier runs would fill it.
+    std::filesystem::remove_all(kDir);
     mkdir(kDir.c_str(), 0755);
     Cluster cluster(kDir + "/cluster", 4330, 3);
     std::vector<std::string> args = {QV_BENCH_COLLECTOR_PATH, "--metrics", "127.0.0.1:" + std::to_string(kMetricsPort)};

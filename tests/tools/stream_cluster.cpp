@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -125,7 +126,9 @@ Cluster::Cluster(std::string dir, uint16_t base, int nodes) : dir_(std::move(dir
 
 bool Cluster::Start(int node, int timeoutMs) {
     const auto port = static_cast<uint16_t>(base_ + node);
-    const std::string name = "n" + std::to_string(node);
+    char nameText[16];  // formatted: gcc 12 at -O3 warns falsely about "n" + std::to_string(node)
+    std::snprintf(nameText, sizeof nameText, "n%d", node);
+    const std::string name = nameText;
     std::vector<std::string> argv = {"nats-server", "-js", "-a", "127.0.0.1", "-p", std::to_string(port),
                                      "--server_name", name, "-sd", dir_ + "/" + name};
     if (nodes_.size() > 1) {
