@@ -132,7 +132,7 @@ TEST_F(StreamEndToEnd, EveryAcknowledgedRecordIsStoredOnceThroughNodeAndCollecto
                                   s.out, s.out + ".err"));
     }
     // Stored and acknowledged for every service before the faults.
-    for (Service &s : services) ASSERT_TRUE(WaitUntil([&] { return s.Said("acked"); }, kStartMs)) << s.out;
+    for (Service &s : services) ASSERT_TRUE(WaitUntil([&] { return s.Said("acked"); }, kDrainMs)) << s.out;
 
     cluster.Kill(2);
     std::this_thread::sleep_for(Ms(1500));
