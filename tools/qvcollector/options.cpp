@@ -147,7 +147,10 @@ Options:
   --stats           on exit, print one "stats" line per kind: datagrams,
                     records, duplicates (a sequence number already received
                     from the same sender and kind), gaps and missing numbers,
-                    errors, acks sent and acks withheld
+                    errors, acks sent and acks withheld; with --nats also
+                    published, pending, publish_failed and
+                    stream_duplicates, and gaps then count numbers the
+                    stream never stored
   --nats URLS       put every decoded record into a JetStream stream (URLS:
                     comma-separated servers, e.g. nats://127.0.0.1:4222);
                     a numbered datagram is then acknowledged only once the
