@@ -33,11 +33,12 @@
 namespace {
 
 constexpr char kUsage[] =
-    "usage: box_logger --first N [--period-ms P] [--service-type T] [--drain-ms D]\n"
+    "usage: box_logger --first N [--period-ms P] [--service-type T] [--drain-ms D] [--collector ADDR]\n"
     "  Logs by identifier (object kind 4, log id 0xB0C5, \"count %u\") every P ms (default 20) with\n"
     "  the counters N, N+1, ... and prints each counter whose report returned 0. The blackbox is\n"
     "  named after the service type T (default boxlog). On SIGTERM: stops, waits up to D ms\n"
     "  (default 30000) until every log record was acknowledged, prints \"drained\" and exits 0.\n"
+    "  The collector is at the IPv4 address ADDR (default 127.0.0.1).\n"
     "  Runs only where /opt is a private tmpfs (tests/support/qv_isolate).\n";
 
 constexpr uint32_t kLogKind = 4;  // an object kind whose records travel as logs, through the blackbox
@@ -54,6 +55,7 @@ struct Options {
     long periodMs = 20;
     long drainMs = 30000;
     std::string serviceType = "boxlog";
+    in_addr collector{htonl(INADDR_LOOPBACK)};
 };
 
 bool ParseNumber(std::string_view text, uint64_t max, uint64_t &out) {
@@ -87,6 +89,8 @@ bool ParseArgs(int argc, char **argv, Options &o) {
         } else if (name == "--drain-ms") {
             ok = ParseNumber(value, 600000, n);
             o.drainMs = static_cast<long>(n);
+        } else if (name == "--collector") {
+            ok = inet_pton(AF_INET, std::string(value).c_str(), &o.collector) == 1;
         } else if (name == "--service-type") {
             ok = !value.empty();
             o.serviceType = std::string(value);
@@ -183,7 +187,7 @@ int main(int argc, char **argv) {
     desc.uiServiceId = 7;
     desc.uiSelfIp = htonl(INADDR_LOOPBACK);
     QvAgentModule *m = QV_Agent_Init(&desc);
-    if (m == nullptr || QV_Agent_SetMainBoardIP(m, htonl(INADDR_LOOPBACK)) != QV_AGENT_OK) {
+    if (m == nullptr || QV_Agent_SetMainBoardIP(m, o.collector.s_addr) != QV_AGENT_OK) {
         std::fputs("box_logger: the agent did not start\n", stderr);
         return 2;
     }

@@ -5,6 +5,7 @@
 #include "kpi_decode.h"
 #include "qvagent/qv_agent_wire.h"
 #include "record_decode.h"
+#include "stream_names.h"
 
 namespace qvcollector {
 
@@ -43,6 +44,10 @@ KindStats Collector::Totals() const {
         t.errors += s.errors;
         t.acks += s.acks;
         t.acksWithheld += s.acksWithheld;
+        t.published += s.published;
+        t.pending += s.pending;
+        t.publishFailed += s.publishFailed;
+        t.streamDuplicates += s.streamDuplicates;
     }
     return t;
 }
@@ -78,40 +83,48 @@ Outcome Collector::Handle(Port port, const Sender &sender, Bytes d) {
         DecodeKpi(h, from, d, out);
         break;
     case Shape::Numbered: {
-        const SequenceTracker::Seen seen =
-            sequences_.Observe(h.kind, sender, h.seq, (h.flags & QV_WIRE_FLAG_STREAM_START) != 0);
-        if (seen.missing != 0) {
-            ++st.gaps;
-            st.missing += seen.missing;
-        }
-        if (AckNumbered(h.kind)) {
+        const bool streamStart = (h.flags & QV_WIRE_FLAG_STREAM_START) != 0;
+        const SequenceTracker::Seen seen = sequences_.Observe(h.kind, sender, h.seq, streamStart);
+        if (toStream_) {
+            // Gaps and the acknowledgement follow what the stream stores (Release).
             out.ack = BuildAck(port, h);
-            ++st.acks;
+            out.held = Held{h.kind, sender, h.seq, streamStart};
         } else {
-            ++st.acksWithheld;
+            if (seen.missing != 0) {
+                ++st.gaps;
+                st.missing += seen.missing;
+            }
+            if (AckNumbered(h.kind)) {
+                out.ack = BuildAck(port, h);
+                ++st.acks;
+            } else {
+                ++st.acksWithheld;
+            }
         }
+        const bool whole = h.totalLen == d.size();
         if (seen.duplicate) {
             ++st.duplicates;
             out.lines.push_back(EventLine(h, from, "duplicate", d.size()));
-            break;
+            // The first copy may not be stored yet, or not at all: the stream drops it if it is.
+            if (toStream_ && whole) DecodeBody(h, from, d.subspan(h.headLen), false, out);
+        } else {
+            if (streamStart) out.lines.push_back(EventLine(h, from, "stream_start", d.size()));
+            if (!whole) {
+                // The head is intact, so the datagram is acknowledged: a resend would bring the same bytes.
+                ++st.errors;
+                JsonWriter w;
+                BeginLine(w, h, from);
+                w.FieldString("event", "error");
+                w.Field("length", d.size());
+                w.FieldString("reason", "length field " + std::to_string(h.totalLen) + " for " +
+                                            std::to_string(d.size()) + " bytes");
+                w.EndObject();
+                out.lines.push_back(w.Take());
+                break;
+            }
+            DecodeBody(h, from, d.subspan(h.headLen), true, out);
         }
-        if ((h.flags & QV_WIRE_FLAG_STREAM_START) != 0) {
-            out.lines.push_back(EventLine(h, from, "stream_start", d.size()));
-        }
-        if (h.totalLen != d.size()) {
-            // The head is intact, so the datagram is acknowledged: a resend would bring the same bytes.
-            ++st.errors;
-            JsonWriter w;
-            BeginLine(w, h, from);
-            w.FieldString("event", "error");
-            w.Field("length", d.size());
-            w.FieldString("reason", "length field " + std::to_string(h.totalLen) + " for " +
-                                        std::to_string(d.size()) + " bytes");
-            w.EndObject();
-            out.lines.push_back(w.Take());
-            break;
-        }
-        DecodeBody(h, from, d.subspan(h.headLen), out);
+        if (out.store) out.store->id = MessageId(h.kind, sender.ip, h.seq, DatagramHash(d));
         break;
     }
     }
@@ -119,10 +132,49 @@ Outcome Collector::Handle(Port port, const Sender &sender, Bytes d) {
     return out;
 }
 
-void Collector::DecodeBody(const Head &h, const std::string &from, Bytes body, Outcome &out) {
+void Collector::Publishing(Kind kind) {
+    KindStats &st = stats_[static_cast<size_t>(kind)];
+    ++st.published;
+    ++st.pending;
+}
+
+void Collector::PublishDone(Kind kind, bool stored, bool duplicate) {
+    KindStats &st = stats_[static_cast<size_t>(kind)];
+    if (st.pending != 0) --st.pending;
+    if (!stored) ++st.publishFailed;
+    if (stored && duplicate) ++st.streamDuplicates;
+}
+
+bool Collector::Release(const Held &held) {
+    KindStats &st = stats_[static_cast<size_t>(held.kind)];
+    const SequenceTracker::Seen seen = stored_.Observe(held.kind, held.from, held.seq, held.streamStart);
+    if (seen.missing != 0) {
+        ++st.gaps;
+        st.missing += seen.missing;
+    }
+    if (!AckNumbered(held.kind)) {
+        ++st.acksWithheld;
+        return false;
+    }
+    ++st.acks;
+    return true;
+}
+
+// Appends one decoded record to what the stream is to store of this datagram.
+void Collector::AddToStore(Kind kind, std::string_view record, Outcome &out) {
+    if (!out.store) out.store = ToStore{kind, {}, {}, {}, 0};
+    out.store->payload += record;
+    out.store->payload += '\n';
+    ++out.store->records;
+}
+
+// Decodes the records of a numbered datagram: printed as lines when `print`, and with a stream also
+// kept for it (a resend's records are kept but not printed again).
+void Collector::DecodeBody(const Head &h, const std::string &from, Bytes body, bool print, Outcome &out) {
     KindStats &st = stats_[static_cast<size_t>(h.kind)];
     const std::vector<qvdecode::RecordSlice> slices = qvdecode::SplitRecords(body);
-    for (size_t i = 0; i < slices.size() && !done_; ++i) {
+    if (toStream_ && !slices.empty()) out.store = ToStore{h.kind, SubjectOf(h.kind, ServiceOfRecord(slices[0].bytes)), {}, {}, 0};
+    for (size_t i = 0; i < slices.size() && !(print && done_); ++i) {
         const qvdecode::RecordSlice &s = slices[i];
         JsonWriter w;
         BeginLine(w, h, from);
@@ -135,19 +187,22 @@ void Collector::DecodeBody(const Head &h, const std::string &from, Bytes body, O
             err = qvdecode::DecodeRecord(s.bytes, w);
         }
         if (err) {
+            if (!print) continue;
             w.Rewind(mark);
             w.FieldString("event", "error");
             w.Field("offset", h.headLen + s.offset);
             w.Field("length", s.bytes.size());
             w.FieldString("reason", *err);
             ++st.errors;
-        } else {
+        } else if (print) {
             ++st.records;
             CountPrinted();
         }
         w.EndObject();
-        out.lines.push_back(w.Take());
+        if (toStream_ && !err) AddToStore(h.kind, w.View(), out);
+        if (print) out.lines.push_back(w.Take());
     }
+    if (out.store && out.store->records == 0) out.store.reset();
 }
 
 void Collector::CountPrinted() {
@@ -174,12 +229,20 @@ void Collector::DecodeKpi(const Head &h, const std::string &from, Bytes packet, 
     w.EndObject();
     out.lines.push_back(w.Take());
     for (uint32_t i = 0; !err && i < head.recordNum && !done_; ++i) {
+        const Bytes record = qvdecode::KpiRecordAt(packet, i);
         JsonWriter r;
         BeginLine(r, h, from);
         r.Field("index", i);
         r.FieldString("record", "kpi");
-        qvdecode::DecodeKpiRecord(qvdecode::KpiRecordAt(packet, i), r);
+        qvdecode::DecodeKpiRecord(record, r);
         r.EndObject();
+        if (toStream_) {
+            if (!out.store) {
+                const auto component = static_cast<uint16_t>(qvdecode::Be16(record, QV_KPI_REC_COMPONENT_OFF) - QV_KPI_COMPONENT_OFFSET);
+                out.store = ToStore{h.kind, SubjectOf(h.kind, std::to_string(component)), {}, {}, 0};
+            }
+            AddToStore(h.kind, r.View(), out);
+        }
         out.lines.push_back(r.Take());
         ++st.records;
         CountPrinted();

@@ -1,12 +1,19 @@
 // qvcollector: the collector at the other end of the agent's datagrams, for operators and tests.
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "collector.h"
 #include "options.h"
 #include "socket_loop.h"
+#ifdef QV_COLLECTOR_WITH_NATS
+#include "nats_sink.h"
+#endif
+#ifdef QV_COLLECTOR_WITH_METRICS
+#include "metrics_http.h"
+#endif
 
 namespace {
 
@@ -33,15 +40,48 @@ int main(int argc, char **argv) {
         return 0;
     }
 
+    RecordStore *store = nullptr;
+#ifdef QV_COLLECTOR_WITH_NATS
+    NatsSink sink;
+    if (!options.nats.empty()) {
+        if (const auto err = sink.Open({options.nats, options.stream, options.replicas})) {
+            std::fprintf(stderr, "qvcollector: %s\n", err->c_str());
+            return 1;
+        }
+        store = &sink;
+    }
+#else
+    if (!options.nats.empty()) {
+        std::fputs("qvcollector: built without the NATS client library: --nats is not available\n", stderr);
+        return 1;
+    }
+#endif
+
     Collector collector(options);
-    const LoopEnd end = RunLoop(options, collector);
+    std::function<void()> afterWake;
+#ifdef QV_COLLECTOR_WITH_METRICS
+    MetricsHttp metrics;
+    if (!options.metrics.empty()) {
+        if (const auto err = metrics.Start(options.metrics, store != nullptr)) {
+            std::fprintf(stderr, "qvcollector: %s\n", err->c_str());
+            return 2;
+        }
+        afterWake = [&] { metrics.Update(collector.Stats()); };
+    }
+#else
+    if (!options.metrics.empty()) {
+        std::fputs("qvcollector: built without libmicrohttpd: --metrics is not available\n", stderr);
+        return 1;
+    }
+#endif
+    const LoopEnd end = RunLoop(options, collector, store, afterWake);
     if (!end.bound) {
         std::fprintf(stderr, "qvcollector: %s\n", end.error.c_str());
         return 2;
     }
     if (options.stats) {
         for (size_t k = 0; k < kKindCount; ++k) {
-            const std::string line = StatsLine(static_cast<Kind>(k), collector.Stats()[k]);
+            const std::string line = StatsLine(static_cast<Kind>(k), collector.Stats()[k], store != nullptr);
             std::printf("%s\n", line.c_str());
         }
         std::fflush(stdout);

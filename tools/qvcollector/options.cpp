@@ -12,6 +12,9 @@ namespace qvcollector {
 
 namespace {
 
+constexpr uint64_t kMaxReplicas = 5;      // the most a JetStream stream allows
+constexpr size_t kMaxStreamName = 64;
+
 bool ParseNumber(const std::string &text, uint64_t max, uint64_t &out) {
     uint64_t v = 0;
     const char *end = text.data() + text.size();
@@ -19,6 +22,25 @@ bool ParseNumber(const std::string &text, uint64_t max, uint64_t &out) {
     if (text.empty() || ec != std::errc() || ptr != end || v > max) return false;
     out = v;
     return true;
+}
+
+// A stream name is one subject-safe token.
+bool StreamNameOk(const std::string &name) {
+    if (name.empty() || name.size() > kMaxStreamName) return false;
+    for (const char c : name) {
+        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+        if (!ok) return false;
+    }
+    return true;
+}
+
+bool HostPortOk(const std::string &text) {
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos) return false;
+    in_addr addr{};
+    uint64_t port = 0;
+    return inet_pton(AF_INET, text.substr(0, colon).c_str(), &addr) == 1 && ParseNumber(text.substr(colon + 1), 65535, port) &&
+           port != 0;
 }
 
 }  // namespace
@@ -74,6 +96,17 @@ std::optional<std::string> ParseOptions(const std::vector<std::string> &args, Op
             uint64_t port = 0;
             err = number(1, 65535 - (QV_WIRE_PORT_COUNT - 1), port);
             o.basePort = static_cast<uint16_t>(port);
+        } else if (name == "--nats") {
+            err = value(o.nats);
+            if (!err && o.nats.empty()) err = "--nats wants at least one server URL";
+        } else if (name == "--stream") {
+            err = value(o.stream);
+            if (!err && !StreamNameOk(o.stream)) err = "--stream wants letters, digits, '-' or '_', not '" + o.stream + "'";
+        } else if (name == "--replicas") {
+            err = number(1, kMaxReplicas, o.replicas);
+        } else if (name == "--metrics") {
+            err = value(o.metrics);
+            if (!err && !HostPortOk(o.metrics)) err = "--metrics wants IPV4:PORT, not '" + o.metrics + "'";
         } else if (name == "--bind") {
             err = value(o.bind);
             in_addr addr{};
@@ -84,6 +117,9 @@ std::optional<std::string> ParseOptions(const std::vector<std::string> &args, Op
             err = "unknown option '" + args[i] + "'";
         }
         if (err) return err;
+    }
+    if (o.nats.empty() && (o.stream != Options{}.stream || o.replicas != Options{}.replicas)) {
+        return std::string("--stream and --replicas need --nats");
     }
     out = o;
     return std::nullopt;
@@ -111,7 +147,26 @@ Options:
   --stats           on exit, print one "stats" line per kind: datagrams,
                     records, duplicates (a sequence number already received
                     from the same sender and kind), gaps and missing numbers,
-                    errors, acks sent and acks withheld
+                    errors, acks sent and acks withheld; with --nats also
+                    published, pending, publish_failed and
+                    stream_duplicates, and gaps then count numbers the
+                    stream never stored
+  --nats URLS       put every decoded record into a JetStream stream (URLS:
+                    comma-separated servers, e.g. nats://127.0.0.1:4222);
+                    a numbered datagram is then acknowledged only once the
+                    stream has stored all of its records, so while it cannot
+                    store, the agent keeps and resends as if no collector
+                    were there. One message per datagram: its records' JSON
+                    objects, one per line, under the subject
+                    qv.KIND.SERVICE, with a message id that makes a resent
+                    datagram a duplicate the stream drops
+  --stream NAME     the stream (default QV), created with subjects qv.> when
+                    it does not exist
+  --replicas N      copies the stream keeps when this collector creates it
+                    (1 to 5, default 1; 3 for a three-node cluster)
+  --metrics ADDR    serve OpenMetrics text at http://ADDR/metrics (ADDR is
+                    IPV4:PORT): per kind datagrams, records, acks sent,
+                    sequence gaps, duplicates, publishes pending and failed
   -h, --help        this text
 
 Output lines (all carry "kind": log, alarm, debug, hplog or kpi, and "from"):

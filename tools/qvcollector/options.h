@@ -17,6 +17,12 @@ struct Options {
     uint64_t count = 0;        // stop after this many records; 0: never
     bool stats = false;
     bool help = false;
+    // The stream: with servers given, every datagram's records go into it and the acknowledgement
+    // waits until it has stored them.
+    std::string nats;              // comma-separated server URLs; empty: no stream
+    std::string stream = "QV";
+    uint64_t replicas = 1;
+    std::string metrics;           // HOST:PORT of the metrics endpoint; empty: none
 };
 
 // Parses the arguments after the program name; returns the complaint when they are not usable.

@@ -3,10 +3,12 @@
 #ifndef QV_TOOLS_COLLECTOR_SOCKET_LOOP_H
 #define QV_TOOLS_COLLECTOR_SOCKET_LOOP_H
 
+#include <functional>
 #include <string>
 
 #include "collector.h"
 #include "options.h"
+#include "record_store.h"
 
 namespace qvcollector {
 
@@ -17,8 +19,10 @@ struct LoopEnd {
 };
 
 // Binds the ports, announces them on standard error, and serves them; JSON lines go to standard
-// output, flushed after every datagram.
-LoopEnd RunLoop(const Options &options, Collector &collector);
+// output, flushed after every datagram. With a store, records go into it and each numbered
+// datagram's acknowledgement waits for its answer. afterWake runs after every wake-up of the loop.
+LoopEnd RunLoop(const Options &options, Collector &collector, RecordStore *store = nullptr,
+                const std::function<void()> &afterWake = {});
 
 }  // namespace qvcollector
 

@@ -18,7 +18,7 @@ uint64_t Forward(uint32_t a, uint32_t b) {
 
 }  // namespace
 
-std::string StatsLine(Kind kind, const KindStats &s) {
+std::string StatsLine(Kind kind, const KindStats &s, bool stream) {
     qvdecode::JsonWriter w;
     w.BeginObject();
     w.FieldString("event", "stats");
@@ -31,6 +31,12 @@ std::string StatsLine(Kind kind, const KindStats &s) {
     w.Field("errors", s.errors);
     w.Field("acks", s.acks);
     w.Field("acks_withheld", s.acksWithheld);
+    if (stream) {
+        w.Field("published", s.published);
+        w.Field("pending", s.pending);
+        w.Field("publish_failed", s.publishFailed);
+        w.Field("stream_duplicates", s.streamDuplicates);
+    }
     w.EndObject();
     return w.Take();
 }

@@ -21,10 +21,15 @@ struct KindStats {
     uint64_t errors = 0;    // bad datagrams and bad records
     uint64_t acks = 0;
     uint64_t acksWithheld = 0;
+    // With a stream:
+    uint64_t published = 0;         // messages handed to it
+    uint64_t pending = 0;           // of those, not yet answered
+    uint64_t publishFailed = 0;     // answered with an error or not in time
+    uint64_t streamDuplicates = 0;  // stored already: the stream dropped them by their message id
 };
 
-// The "stats" line of one kind.
-std::string StatsLine(Kind kind, const KindStats &s);
+// The "stats" line of one kind; with a stream, its counters too.
+std::string StatsLine(Kind kind, const KindStats &s, bool stream = false);
 
 struct Sender {
     uint32_t ip = 0;  // host order

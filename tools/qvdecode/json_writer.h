@@ -49,6 +49,7 @@ public:
 
     const std::string &Line() const { return out_; }
     std::string Take() { return std::move(out_); }
+    std::string_view View() const { return out_; }  // what is written so far
 
 private:
     void Separate();
