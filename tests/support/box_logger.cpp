@@ -33,11 +33,11 @@
 namespace {
 
 constexpr char kUsage[] =
-    "usage: box_logger --first N [--period-ms P] [--service-type T] [--drain-ms D]\n"
+    "usage: box_logger --first N [--period-ms P]\n"
     "  Logs by identifier (object kind 4, log id 0xB0C5, \"count %u\") every P ms (default 20) with\n"
     "  the counters N, N+1, ... and prints each counter whose report returned 0. The blackbox is\n"
-    "  named after the service type T (default boxlog). On SIGTERM: stops, waits up to D ms\n"
-    "  (default 30000) until every log record was acknowledged, prints \"drained\" and exits 0.\n"
+    "  named after the service type boxlog. On SIGTERM: stops, waits up to 30 s until every log\n"
+    "  record was acknowledged, prints \"drained\" and exits 0.\n"
     "  Runs only where /opt is a private tmpfs (tests/support/qv_isolate).\n";
 
 constexpr uint32_t kLogKind = 4;  // an object kind whose records travel as logs, through the blackbox
@@ -49,11 +49,10 @@ static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler
 
 void OnTerm(int) { g_stop.store(true); }
 
+constexpr long kDrainMs = 30000;
 struct Options {
     uint32_t first = 0;
     long periodMs = 20;
-    long drainMs = 30000;
-    std::string serviceType = "boxlog";
 };
 
 bool ParseNumber(std::string_view text, uint64_t max, uint64_t &out) {
@@ -84,12 +83,6 @@ bool ParseArgs(int argc, char **argv, Options &o) {
         } else if (name == "--period-ms") {
             ok = ParseNumber(value, 10000, n) && n != 0;
             o.periodMs = static_cast<long>(n);
-        } else if (name == "--drain-ms") {
-            ok = ParseNumber(value, 600000, n);
-            o.drainMs = static_cast<long>(n);
-        } else if (name == "--service-type") {
-            ok = !value.empty();
-            o.serviceType = std::string(value);
         } else {
             std::fprintf(stderr, "box_logger: unknown option %s\n%s", argv[i - 1], kUsage);
             return false;
@@ -172,7 +165,7 @@ int main(int argc, char **argv) {
                    stderr);
         return 2;
     }
-    setenv("PX_SERVICE_TYPE", o.serviceType.c_str(), 1);
+    setenv("PX_SERVICE_TYPE", "boxlog", 1);
     struct sigaction sa {};
     sa.sa_handler = OnTerm;
     sa.sa_flags = SA_RESTART;  // the agent's threads may take it in the middle of a call
@@ -203,7 +196,7 @@ int main(int argc, char **argv) {
         SleepPeriod(next, o.periodMs);
     }
     watcher.join();
-    for (long waited = 0; waited <= o.drainMs; waited += kPollMs) {
+    for (long waited = 0; waited <= kDrainMs; waited += kPollMs) {
         if (Drained(m)) {
             Say("drained");
             return 0;
