@@ -1,4 +1,5 @@
-// The trace file: when a line is written, its exact format, its bounds, and the stack dump.
+// The trace file: when a line is written, its exact format and its bounds (the stack dump is checked
+// where an alarm is sent).
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -58,45 +59,19 @@ TEST_F(TraceTest, LineIsWrittenOnlyWithSwitchAndServiceType) {
     }
 }
 
-TEST_F(TraceTest, FormattedArgumentsAndAppendedLines) {
+// Lines are appended; finished text is written whatever the switch; an unreadable clock gives zeros.
+TEST_F(TraceTest, FormattedFinishedAndClocklessLinesAreAppended) {
     qvtest::ServiceTypeEnv env("svc");
     g_bQvagentDbgSwitch = 1;
     QV_AGENT_WriteToFile("ret=%d, service=%s, id=0x%x", -3, "name", 0xABCDu);
-    QV_AGENT_WriteToFile("second");
-    EXPECT_EQ(qvtest::ReadFile(kTraceFile), std::string(kStamp) + "[svc]ret=-3, service=name, id=0xabcd\n" +
-                                                kStamp + "[svc]second\n");
-}
-
-TEST_F(TraceTest, FinishedTextIsWrittenWhateverTheSwitch) {
-    qvtest::ServiceTypeEnv env("svc");
     g_bQvagentDbgSwitch = 0;
     QV_AGENT_WriteToFileStr("finished 100%");
     QV_AGENT_WriteToFileStr(nullptr);
-    EXPECT_EQ(qvtest::ReadFile(kTraceFile), std::string(kStamp) + "[svc]finished 100%\n");
-}
-
-TEST_F(TraceTest, UnreadableClockLeavesTheTimeAtZero) {
-    qvtest::ServiceTypeEnv env("svc");
     QVPLAT_TestFailTime(1);
     QV_AGENT_WriteToFileStr("x");
     QVPLAT_TestFailTime(0);
-    EXPECT_EQ(qvtest::ReadFile(kTraceFile), "0000-00-00 00:00:00.000[svc]x\n");
-}
-
-TEST_F(TraceTest, StackDumpWritesOneLinePerFrameOnlyWhileTracing) {
-    qvtest::ServiceTypeEnv env("svc");
-    g_bQvagentDbgSwitch = 0;
-    QV_AGENT_Backtrace();
-    EXPECT_FALSE(qvtest::FileExists(kTraceFile));
-
-    g_bQvagentDbgSwitch = 1;
-    QV_AGENT_Backtrace();
-    const std::string dump = qvtest::ReadFile(kTraceFile);
-    size_t lines = 0;
-    for (size_t at = dump.find('\n'); at != std::string::npos; at = dump.find('\n', at + 1)) ++lines;
-    EXPECT_GE(lines, 3u) << dump;
-    EXPECT_EQ(dump.rfind(kStamp, 0), 0u);
-    EXPECT_NE(dump.find("QV_AGENT_Backtrace"), std::string::npos) << "frames are named:\n" << dump;
+    EXPECT_EQ(qvtest::ReadFile(kTraceFile), std::string(kStamp) + "[svc]ret=-3, service=name, id=0xabcd\n" + kStamp +
+                                                "[svc]finished 100%\n0000-00-00 00:00:00.000[svc]x\n");
 }
 
 }  // namespace

@@ -11,24 +11,29 @@ namespace {
 
 using EventObjectTest = AgentTest;
 
-TEST_F(EventObjectTest, CreationAcceptsLogKindsAndAlarmsOnly) {
+// Log kinds and alarms are created and reach their list; every other kind is refused.
+TEST_F(EventObjectTest, EachAcceptedKindReachesItsListAndOthersAreRefused) {
     for (uint32_t kind = 0; kind <= 24; ++kind) {
         SCOPED_TRACE(kind);
+        const uint32_t list = kind == 5 ? QV_AGENT_MSG_ALARM : kind == 20 ? QV_AGENT_MSG_HIGH_PRECISION : QV_AGENT_MSG_LOG;
         const bool accepted = kind == 1 || kind == 2 || kind == 5 || kind == 9 || kind == 10 || kind == 16 ||
                               kind == 18 || kind == 20 || kind == 22;
         QvAgentObj *obj = reinterpret_cast<QvAgentObj *>(0x1);  // must be cleared on refusal
-        const uint32_t rc = QV_Agent_ObjCreate(kind, 0x100 + kind, &obj, module_);
-        if (accepted) {
-            ASSERT_EQ(rc, QV_AGENT_OK);
-            ASSERT_NE(obj, nullptr);
-            EXPECT_EQ(obj->uiObjType, kind);
-            EXPECT_EQ(QV_Agent_ObjFree(obj, module_), QV_AGENT_OK);
-        } else {
-            EXPECT_EQ(rc, QV_AGENT_ERR_PARAM);
+        qvtest::DrainLists(module_);
+        ASSERT_EQ(QV_Agent_ObjCreate(kind, 0xABC0 + kind, &obj, module_), accepted ? QV_AGENT_OK : QV_AGENT_ERR_PARAM);
+        if (!accepted) {
             EXPECT_EQ(obj, nullptr);
+            continue;
         }
-        EXPECT_EQ(qvtest::AgentBlocks(), baseBlocks_);
+        EXPECT_EQ(obj->uiObjType, kind);
+        ASSERT_EQ(QV_Agent_Send(obj, module_), QV_AGENT_OK);
+        for (uint32_t k = 0; k < QV_AGENT_MSG_KIND_COUNT; ++k) {
+            EXPECT_EQ(module_->astSendList[k].uiCount, k == list ? 1u : 0u) << "list " << k;
+        }
+        EXPECT_EQ(Queued(list).at(0).msgId, 0xABC0 + kind);
     }
+    qvtest::DrainLists(module_);
+    EXPECT_EQ(qvtest::AgentBlocks(), baseBlocks_ + 1) << "only the diagnostic kind's restraint entry stays";
     QvAgentObj *obj = reinterpret_cast<QvAgentObj *>(0x1);
     EXPECT_EQ(QV_Agent_ObjCreate(0xFFFFFFFFu, 1, &obj, module_), QV_AGENT_ERR_PARAM);
     EXPECT_EQ(obj, nullptr);
@@ -61,26 +66,6 @@ TEST_F(EventObjectTest, NullArgumentsAreRefusedAndReleaseNothing) {
     for (const auto &c : cases) EXPECT_EQ(c.rc, QV_AGENT_ERR_PARAM) << c.call;
     EXPECT_EQ(qvtest::DecodeRecord(qvtest::Bytes(obj->pucRecord, obj->pucRecord + QV_LOG_HEAD_LEN)).paraCount, 0u);
     EXPECT_EQ(QV_Agent_Send(obj, module_), QV_AGENT_OK) << "the object is still whole";
-}
-
-TEST_F(EventObjectTest, EachKindReachesItsList) {
-    const struct {
-        uint32_t kind;
-        uint32_t list;
-    } cases[] = {{1, QV_AGENT_MSG_LOG},  {2, QV_AGENT_MSG_LOG},  {9, QV_AGENT_MSG_LOG},
-                 {10, QV_AGENT_MSG_LOG}, {16, QV_AGENT_MSG_LOG}, {18, QV_AGENT_MSG_LOG},
-                 {22, QV_AGENT_MSG_LOG}, {20, QV_AGENT_MSG_HIGH_PRECISION}, {5, QV_AGENT_MSG_ALARM}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.kind);
-        qvtest::DrainLists(module_);
-        ASSERT_EQ(QV_Agent_Send(Create(c.kind, 0xABC0 + c.kind), module_), QV_AGENT_OK);
-        for (uint32_t k = 0; k < QV_AGENT_MSG_KIND_COUNT; ++k) {
-            EXPECT_EQ(module_->astSendList[k].uiCount, k == c.list ? 1u : 0u) << "list " << k;
-        }
-        const auto queued = Queued(c.list);
-        ASSERT_EQ(queued.size(), 1u);
-        EXPECT_EQ(queued[0].msgId, 0xABC0 + c.kind);
-    }
 }
 
 // Counts the allocations of a scenario, then fails each in turn: the scenario's code comes back and

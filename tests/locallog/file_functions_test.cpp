@@ -85,6 +85,11 @@ TEST(LocalLogFile, OpenAnswersByCause) {
         EXPECT_EQ(QV_AGENT_IsFileEmpty(c.path), 0u);
         ::close(fd);
     }
+    const int plain = ::dup(STDERR_FILENO);  // a copy does not close on exec until told to
+    EXPECT_EQ(QV_AGENT_LOG_SetCloexecFlag(plain), 0);
+    EXPECT_NE(::fcntl(plain, F_GETFD) & FD_CLOEXEC, 0);
+    ::close(plain);
+    EXPECT_LT(QV_AGENT_LOG_SetCloexecFlag(-1), 0);
 }
 
 }  // namespace

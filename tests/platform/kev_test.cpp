@@ -1,5 +1,5 @@
-// Tests of the stand-in's scheduler framework: attributes, descriptor events and their masks,
-// registration and removal from inside callbacks, timers, thread names and failure injection.
+// Tests of the stand-in's scheduler framework as the agent uses it: attributes, descriptor events and
+// their masks, removal from inside a callback, registration refusals and the periodic timer.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -60,32 +60,6 @@ TEST_F(KevAttributes, SetAttrAcceptsKnownIdsAtTheirExactLengthOnly) {
             kind->destroy(attr);
         }
         EXPECT_EQ(c.kind->set(nullptr, c.id, c.value, c.len), kRefused) << "case " << &c - cases;
-    }
-}
-
-TEST_F(KevScheduler, ThreadNamesItselfWithTheFirst15BytesOfItsName) {
-    // The name set (null: none, else len bytes), the name kept, and the visible thread name.
-    const struct { const char *name; uint32_t len; const char *kept, *visible; } cases[] = {
-        {"ABCDEFGHIJKLMNOPQRST", 20, "ABCDEFGHIJKLMNOPQRST", "ABCDEFGHIJKLMNO"},
-        {"QV_AGENT_SEND_EXTRA", 13, "QV_AGENT_SEND", "QV_AGENT_SEND"},
-        {"ab\0cd", 5, "ab", "ab"},
-        {nullptr, 0, "", "kev_sched"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.kept);
-        void *attr = KEV_ThreadCreateAttr();
-        ASSERT_EQ(c.name ? KEV_ThreadSetAttr(attr, KEV_THREAD_ATTR_NAME, c.name, c.len) : KEV_OK, KEV_OK);
-        ASSERT_NE(KEV_ThreadSetAttr(attr, KEV_THREAD_ATTR_NAME, "", 0), KEV_OK);  // leaves the name set before
-        const uint64_t thread = KEV_ThreadCreate(attr);
-        KEV_ThreadDestroyAttr(attr);
-        QVPLAT_KEV_THREAD_INFO_S info{};
-        ASSERT_EQ(QVPLAT_TestKevThreadInfo(thread, &info), 0u);
-        EXPECT_STREQ(info.szName, c.kept);
-        Probe probe;
-        ASSERT_EQ(KEV_TimerStart(ProbeTimerOn(thread, 1, 0, probe)), KEV_OK);
-        EXPECT_TRUE(WaitFor([&] { return probe.calls.load() != 0; }));
-        EXPECT_STREQ(probe.name, c.visible);
-        EXPECT_EQ(QVPLAT_TestKevStopThread(thread), 0u);
     }
 }
 
@@ -166,62 +140,18 @@ TEST_F(KevControl, RefusesBadRequestsWithTheirCodes) {
     for (const auto &c : cases) {
         EXPECT_EQ(KEV_ThreadCtrl(c.thread, c.op, c.fd, c.rec), c.expected) << "case " << &c - cases;
     }
+    uint32_t events = 0, option = 0;  // a registration keeps its events and option, a removal drops them
+    ASSERT_EQ(Register(thread, fd, KEV_EVENT_READ, NoopTask, nullptr, 7), KEV_OK);
+    EXPECT_EQ(QVPLAT_TestKevDescriptorInfo(thread, fd, &events, &option), 0u);
+    EXPECT_EQ(events, KEV_EVENT_READ);
+    EXPECT_EQ(option, 7u);
+    EXPECT_EQ(Unregister(thread, fd), KEV_OK);
+    EXPECT_NE(QVPLAT_TestKevDescriptorInfo(thread, fd, &events, &option), 0u);
     EXPECT_EQ(KEV_TimerDestroy(timer), KEV_OK);
     KEV_TaskDestroyAttr(task);
     KEV_TaskDestroyAttr(emptyTask);
     KEV_TimerDestroyAttr(timerAttr);
     ::close(fileFd);
-}
-
-TEST_F(KevControl, TaskRemovesAndAddsItsDescriptorAgainFromInside) {
-    Scheduler sched;
-    SocketPair pair;
-    Probe second{.fd = pair.fds[0], .drain = true};
-    Probe first{.fd = pair.fds[0], .drain = true, .act = [&] {
-                    const uint32_t removed = Unregister(sched.handle, second.fd);
-                    return removed ? removed : Register(sched.handle, second.fd, KEV_EVENT_READ, ProbeTask, &second, 7);
-                }};
-    ASSERT_EQ(Register(sched.handle, pair.fds[0], KEV_EVENT_READ | KEV_EVENT_HUP, ProbeTask, &first), KEV_OK);
-    ASSERT_TRUE(pair.Send());
-    ASSERT_TRUE(WaitFor([&] { return first.calls.load() == 1; }));
-    EXPECT_EQ(first.acted.load(), KEV_OK);
-    uint32_t events = 0, option = 0;
-    ASSERT_EQ(QVPLAT_TestKevDescriptorInfo(sched.handle, pair.fds[0], &events, &option), 0u);
-    EXPECT_EQ(events, KEV_EVENT_READ);  // the new registration's
-    EXPECT_EQ(option, 7u);
-    ASSERT_TRUE(pair.Send());
-    ASSERT_TRUE(WaitFor([&] { return second.calls.load() != 0; }));
-    EXPECT_EQ(first.calls.load(), 1u);
-    EXPECT_EQ(Unregister(sched.handle, pair.fds[0]), KEV_OK);
-}
-
-TEST_F(KevControl, TaskRemovingAnotherDropsItsCollectedEvent) {
-    Scheduler sched;
-    SocketPair gatePair, pairA, pairB;
-    // The gate's task holds the loop while both rivals become ready, so their events are collected in
-    // one round; whichever rival runs first removes the other, whose event must then be dropped.
-    std::atomic<bool> entered{false}, release{false};
-    Probe gate{.fd = gatePair.fds[0], .drain = true, .act = [&] {
-                   entered.store(true);
-                   return WaitFor([&] { return release.load(); }) ? 0u : 1u;
-               }};
-    Probe a{.fd = pairA.fds[0], .drain = true, .act = [&] { return Unregister(sched.handle, pairB.fds[0]); }};
-    Probe b{.fd = pairB.fds[0], .drain = true, .act = [&] { return Unregister(sched.handle, pairA.fds[0]); }};
-    for (Probe *probe : {&gate, &a, &b}) {
-        ASSERT_EQ(Register(sched.handle, probe->fd, KEV_EVENT_READ, ProbeTask, probe), KEV_OK);
-    }
-    ASSERT_TRUE(gatePair.Send());
-    ASSERT_TRUE(WaitFor([&] { return entered.load(); }));
-    ASSERT_TRUE(pairA.Send() && pairB.Send());
-    release.store(true);
-    ASSERT_TRUE(WaitFor([&] { return a.calls.load() + b.calls.load() != 0; }));
-    std::this_thread::sleep_for(milliseconds(50));
-    EXPECT_EQ(a.calls.load() + b.calls.load(), 1u);
-    const Probe &winner = a.calls.load() != 0 ? a : b, &loser = &winner == &a ? b : a;
-    EXPECT_EQ(winner.acted.load(), KEV_OK);
-    EXPECT_EQ(Unregister(sched.handle, loser.fd), KEV_ERR_NOT_FOUND);
-    EXPECT_EQ(Unregister(sched.handle, winner.fd), KEV_OK);
-    EXPECT_EQ(Unregister(sched.handle, gate.fd), KEV_OK);
 }
 
 TEST_F(KevTimer, PeriodicTimerRepeatsAtItsPeriodUntilItDestroysItselfFromItsCallback) {
@@ -239,52 +169,6 @@ TEST_F(KevTimer, PeriodicTimerRepeatsAtItsPeriodUntilItDestroysItselfFromItsCall
     EXPECT_STREQ(probe.name, "KEV_TEST");
     EXPECT_EQ(KEV_TimerDestroy(timer), KEV_ERR_NOT_FOUND);
     EXPECT_EQ(KEV_TimerStart(timer), KEV_ERR_NOT_FOUND);
-}
-
-TEST_F(KevTimer, OneShotTimerNeedsCallbackPeriodAndThreadAndFiresOncePerStart) {
-    Scheduler sched;
-    Probe probe;
-    const KEV_TIMER_FUNC_S func{ProbeTimer, &probe};
-    const uint32_t period = 5;
-    void *attr = KEV_TimerCreateAttr();
-    EXPECT_EQ(KEV_TimerCreate(sched.handle, attr), 0u);  // neither callback nor period
-    ASSERT_EQ(KEV_TimerSetAttr(attr, KEV_TIMER_ATTR_FUNC, &func, sizeof func), KEV_OK);
-    EXPECT_EQ(KEV_TimerCreate(sched.handle, attr), 0u);  // no period
-    ASSERT_EQ(KEV_TimerSetAttr(attr, KEV_TIMER_ATTR_PERIOD_MS, &period, sizeof period), KEV_OK);
-    EXPECT_EQ(KEV_TimerCreate(sched.handle + 1000, attr), 0u);
-    probe.timer.store(KEV_TimerCreate(sched.handle, attr));
-    KEV_TimerDestroyAttr(attr);
-    const uint64_t timer = probe.timer.load();
-    std::this_thread::sleep_for(milliseconds(30));
-    EXPECT_EQ(probe.calls.load(), 0u);  // not started: never fires
-    for (uint32_t round = 1; round <= 2; ++round) {
-        ASSERT_EQ(KEV_TimerStart(timer), KEV_OK);
-        ASSERT_TRUE(WaitFor([&] { return probe.calls.load() == round; }));
-        std::this_thread::sleep_for(milliseconds(50));
-        EXPECT_EQ(probe.calls.load(), round);
-        EXPECT_EQ(probe.expirations.load(), round);
-    }
-    EXPECT_EQ(probe.wrongHandle.load(), 0u);
-    EXPECT_EQ(KEV_TimerDestroy(timer), KEV_OK);
-    EXPECT_EQ(KEV_TimerStart(timer), KEV_ERR_NOT_FOUND);
-    EXPECT_EQ(KEV_TimerStart(sched.handle), KEV_ERR_NOT_FOUND);
-}
-
-TEST_F(KevScheduler, InjectedCreationFailuresHitTheNextCallOnly) {
-    QVPLAT_TestKevFailThreadCreate(1);
-    EXPECT_EQ(KEV_ThreadCreate(nullptr), 0u);
-    QVPLAT_TestKevFailThreadCreate(1);
-    QVPLAT_TestKevFailThreadCreate(0);  // cancelled
-    Scheduler sched;  // the creation after the cancelled failure
-    QVPLAT_TestKevFailTimerCreate(1);
-    EXPECT_EQ(MakeTimer(sched.handle, 10, 1, NoopTimer, nullptr), 0u);
-    const uint64_t timer = MakeTimer(sched.handle, 10, 1, NoopTimer, nullptr);
-    QVPLAT_TestKevFailTimerCreate(1);
-    QVPLAT_TestKevFailTimerCreate(0);
-    const uint64_t second = MakeTimer(sched.handle, 10, 1, NoopTimer, nullptr);
-    EXPECT_EQ(QVPLAT_TestKevLiveTimers(), 2u);
-    EXPECT_EQ(KEV_TimerDestroy(timer), KEV_OK);
-    EXPECT_EQ(KEV_TimerDestroy(second), KEV_OK);
 }
 
 }  // namespace

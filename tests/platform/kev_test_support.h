@@ -98,7 +98,7 @@ struct Probe {
     uint32_t actAt = 1, pauseUs = 0;
     std::function<uint32_t()> act = nullptr;
     std::atomic<bool> removed{false};
-    std::atomic<uint64_t> timer{0}, expirations{0};  // timer: the handle the callback must be given
+    std::atomic<uint64_t> timer{0};  // the handle the callback must be given
     std::atomic<uint32_t> calls{0}, firstMask{0}, acted{kUnset}, wrongHandle{0}, lateCalls{0};
     char name[16] = {};  // the calling thread's name at the first call; read once calls != 0
 };
@@ -121,10 +121,9 @@ inline uint32_t ProbeTask(uint32_t *events, void *arg) {
     return Called(probe);
 }
 
-inline uint32_t ProbeTimer(uint64_t timer, uint64_t expirations, void *arg) {
+inline uint32_t ProbeTimer(uint64_t timer, uint64_t, void *arg) {
     auto &probe = *static_cast<Probe *>(arg);
     probe.wrongHandle.fetch_add(timer != probe.timer.load() ? 1 : 0);
-    probe.expirations.fetch_add(expirations);
     return Called(probe);
 }
 

@@ -1,12 +1,11 @@
-// Tests of the stand-in's mesh socket library over loopback: address records, datagrams both ways, the
-// non-blocking flag, error numbers and their per-thread keeping, and injected failures.
+// Tests of the stand-in's mesh socket library over loopback: address records, datagrams both ways and
+// the error numbers the agent acts on.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 
-#include <atomic>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -89,29 +88,6 @@ TEST_F(MeshSocket, DatagramsOfEverySizeArriveWithAnExactSenderRecord) {
     EXPECT_EQ(from.usPort, 0);
 }
 
-TEST_F(MeshSocket, IsABlockingCloseOnExecSocketWhoseNonBlockingFlagMapsToTheDescriptor) {
-    MeshFd sock;
-    ASSERT_GE(sock.fd, 0);
-    EXPECT_EQ(QVPLAT_TestMeshOpenSockets(), open_ + 1);
-    EXPECT_EQ(::fcntl(sock.fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    // Each step: command, flags, result, error number when it fails, MESH_F_GETFL afterwards.
-    const struct { int32_t cmd, flags, result; uint32_t errorNo; int32_t getAfter; } steps[] = {
-        {MESH_F_GETFL, 0, 0, 0, 0},
-        {MESH_F_SETFL, MESH_O_NONBLOCK, 0, 0, MESH_O_NONBLOCK},
-        {MESH_F_GETFL, 0x7F, MESH_O_NONBLOCK, 0, MESH_O_NONBLOCK},
-        {MESH_F_SETFL, MESH_O_NONBLOCK | 0x2, -1, kInvalid, MESH_O_NONBLOCK},
-        {2, 0, -1, kInvalid, MESH_O_NONBLOCK},
-        {MESH_F_SETFL, 0, 0, 0, 0},
-    };
-    for (const auto &step : steps) {
-        SCOPED_TRACE(testing::Message() << "cmd " << step.cmd << " flags " << step.flags);
-        EXPECT_EQ(MESH_Fcntl(sock.fd, step.cmd, step.flags), step.result);
-        EXPECT_EQ(step.result < 0 ? MESH_GetErrorNo() : 0u, step.errorNo);
-        EXPECT_EQ(MESH_Fcntl(sock.fd, MESH_F_GETFL, 0), step.getAfter);
-        EXPECT_EQ((::fcntl(sock.fd, F_GETFL) & O_NONBLOCK) != 0, step.getAfter != 0);
-    }
-}
-
 TEST_F(MeshErrors, ClosedAndForeignDescriptorsMustBeRecreated) {
     MeshFd closed;
     ASSERT_EQ(MESH_Close(closed.fd), 0);
@@ -172,64 +148,6 @@ TEST_F(MeshErrors, RefusedArgumentsAndKernelErrorsMapToTheirNumbers) {
     EXPECT_EQ(QVPLAT_TestMeshOpenSockets(), open_ + 2);
     ASSERT_EQ(MESH_SendTo(fd, "x", 0, &to), 0);  // success leaves the number as it was
     EXPECT_EQ(MESH_GetErrorNo(), kInvalid);
-}
-
-TEST_F(MeshErrors, InjectedFailuresHitTheNextCallsOfTheirFunctionOnly) {
-    MeshFd a, b;
-    ASSERT_NE(a.BindLoopback(), 0);
-    const MESH_ADDR_S toB = Loopback(b.BindLoopback()), local = Loopback(0);
-    QVPLAT_TestMeshFailSend(2, 0x60450069u);
-    EXPECT_EQ(MESH_SendTo(a.fd, "1", 1, &toB), -1);
-    EXPECT_EQ(MESH_GetErrorNo(), 0x60450069u);
-    EXPECT_EQ(MESH_SendTo(a.fd, "2", 1, &toB), -1);
-    EXPECT_EQ(MESH_SendTo(a.fd, "3", 1, &toB), 1);
-    char buf[8] = {};
-    ASSERT_TRUE(WaitFor([&] { return MESH_RecvFrom(b.fd, buf, sizeof buf, nullptr) == 1; }));
-    EXPECT_EQ(buf[0], '3');  // only the datagram sent after the failures arrives
-    // Each function fails once with the number given, then runs again once cancelled.
-    const struct { uint32_t call; std::function<int32_t()> run; int32_t cancelled; } calls[] = {
-        {QVPLAT_MESH_CALL_SOCKET, [] { return MeshFd().fd < 0 ? -1 : 0; }, 0},
-        {QVPLAT_MESH_CALL_FCNTL, [&] { return MESH_Fcntl(a.fd, MESH_F_GETFL, 0); }, MESH_O_NONBLOCK},
-        {QVPLAT_MESH_CALL_BIND, [&] { return MESH_Bind(MeshFd().fd, &local); }, 0},
-        {QVPLAT_MESH_CALL_SENDTO, [&] { return MESH_SendTo(a.fd, "", 0, &toB); }, 0},
-        {QVPLAT_MESH_CALL_RECVFROM, [&] { return MESH_RecvFrom(a.fd, buf, sizeof buf, nullptr); }, -1},
-    };
-    for (const auto &c : calls) {
-        SCOPED_TRACE(c.call);
-        QVPLAT_TestMeshFailCall(c.call, 1, 0x60450100u + c.call);
-        EXPECT_EQ(c.run(), -1);
-        EXPECT_EQ(MESH_GetErrorNo(), 0x60450100u + c.call);
-        QVPLAT_TestMeshFailCall(c.call, 3, 1);
-        QVPLAT_TestMeshFailCall(c.call, 0, 1);
-        EXPECT_EQ(c.run(), c.cancelled);
-        EXPECT_EQ(MESH_GetErrorNo(), c.cancelled < 0 ? kAgain : 0x60450100u + c.call);
-    }
-    QVPLAT_TestMeshFailCall(QVPLAT_MESH_CALL_COUNT, 5, 1);  // an unknown call is ignored
-    EXPECT_EQ(MESH_Fcntl(a.fd, MESH_F_GETFL, 0), MESH_O_NONBLOCK);
-}
-
-TEST_F(MeshErrors, ErrorNumbersAreKeptPerThread) {
-    MeshFd sock;
-    ASSERT_NE(sock.BindLoopback(), 0);
-    std::atomic<int> ready{0};
-    std::atomic<uint32_t> wrong{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            wrong.fetch_add(MESH_GetErrorNo() != 0 ? 1 : 0);
-            char buf[4];
-            for (int i = 0; i < 200; ++i) {
-                static_cast<void>(t % 2 ? MESH_Fcntl(-5, MESH_F_GETFL, 0) : MESH_RecvFrom(sock.fd, buf, 4, nullptr));
-                if (i == 0) {  // every thread has failed once before any reads its number back
-                    ready.fetch_add(1);
-                    static_cast<void>(WaitFor([&] { return ready.load() == 4; }));
-                }
-                wrong.fetch_add(MESH_GetErrorNo() != (t % 2 ? MESH_ERR_RECREATE : kAgain) ? 1 : 0);
-            }
-        });
-    }
-    for (std::thread &thread : threads) thread.join();
-    EXPECT_EQ(wrong.load(), 0u);
 }
 
 }  // namespace

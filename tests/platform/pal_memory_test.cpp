@@ -1,15 +1,10 @@
-// Tests of the stand-in's memory handles and accounted allocation: per-handle counts,
-// the injected failure of the nth call, refused frees, and balance under concurrent use.
+// Tests of the stand-in's accounted allocation: per-handle counts, the injected failure of the nth
+// call, and refused frees.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <random>
-#include <string>
-#include <thread>
 #include <vector>
 
 #include "qvplatform/pal.h"
@@ -29,21 +24,6 @@ uint32_t Free(uint32_t handle, void *ptr) { return PAL_MemFree_F(handle, ptr, __
 void ExpectOutstanding(uint32_t handle, uint64_t blocks, uint64_t bytes) {
     EXPECT_EQ(QVPLAT_TestBlocksOutstanding(handle), blocks) << "handle " << handle;
     EXPECT_EQ(QVPLAT_TestBytesOutstanding(handle), bytes) << "handle " << handle;
-}
-
-TEST(PalMemory, OneHandlePerNameOfOneTo63Characters) {
-    const std::string longest(63, 'x'), tooLong(64, 'x');
-    const uint32_t one = HandleOf("pal-handle-one"), two = HandleOf(longest.c_str());
-    EXPECT_NE(one, 0u);
-    EXPECT_NE(two, 0u);
-    EXPECT_NE(one, two);
-    EXPECT_EQ(HandleOf("pal-handle-one"), one);
-    uint32_t handle = 12345;
-    for (const char *name : {static_cast<const char *>(nullptr), "", tooLong.c_str()}) {
-        EXPECT_NE(PAL_HandleInitialize(name, &handle), 0u);
-    }
-    EXPECT_NE(PAL_HandleInitialize("pal-handle-one", nullptr), 0u);
-    EXPECT_EQ(handle, 12345u);
 }
 
 // Blocks of every size are aligned, freshly filled and booked on their own handle; the third call is
@@ -92,41 +72,6 @@ TEST(PalMemory, RefusesNullInteriorAndCorruptedFreesWithoutChangingCounts) {
     std::memcpy(kept - 8, saved, 8);
     EXPECT_EQ(Free(handle, kept), 0u);
     ExpectOutstanding(handle, 0, 0);
-}
-
-// Callers serialise their calls, as the agent does with its memory mutex; the counts then balance
-// whichever thread releases a block, and the failure asked for hits exactly one call.
-TEST(PalMemory, SerialisedThreadsBalanceToZeroAndFailExactlyTheNthCall) {
-    constexpr uint32_t kThreads = 4, kRounds = 2000;
-    const uint32_t shared = HandleOf("pal-concurrent");
-    const uint64_t calls = QVPLAT_TestAllocCalls();
-    std::mutex serialise;
-    std::atomic<int> failures{0};
-    QVPLAT_TestFailAllocation(kThreads * kRounds / 2);
-    std::vector<std::thread> threads;
-    for (uint32_t t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            std::mt19937 random(t + 1);
-            std::vector<void *> held;
-            for (uint32_t round = 0; round < kRounds; ++round) {
-                std::lock_guard lock(serialise);
-                void *block = Alloc(shared, static_cast<uint32_t>(random() % 512));
-                block == nullptr ? static_cast<void>(++failures) : held.push_back(block);
-                if (held.size() > 16 || (random() % 3 == 0 && !held.empty())) {
-                    const size_t pick = random() % held.size();
-                    EXPECT_EQ(Free(shared, held[pick]), 0u);
-                    held[pick] = held.back();
-                    held.pop_back();
-                }
-            }
-            std::lock_guard lock(serialise);
-            for (void *block : held) EXPECT_EQ(Free(shared, block), 0u);
-        });
-    }
-    for (std::thread &thread : threads) thread.join();
-    EXPECT_EQ(failures.load(), 1);
-    EXPECT_EQ(QVPLAT_TestAllocCalls(), calls + kThreads * kRounds);
-    ExpectOutstanding(shared, 0, 0);
 }
 
 }  // namespace

@@ -41,19 +41,11 @@ TEST_F(LogReportTest, PortDownRecordByteForByte) {
     ASSERT_TRUE(r.ok) << r.error;
     EXPECT_EQ(list, QV_AGENT_MSG_LOG);
     EXPECT_EQ(r.length, 48 + 4 + NameLen() + 8);
-    EXPECT_EQ(r.msgId, 0x1234u);
-    EXPECT_EQ(r.kind, 4u);
-    EXPECT_EQ(r.level, 0xFFu);
-    EXPECT_EQ(r.headWord, 0u);
-    EXPECT_EQ(r.vrid, 0u);
+    EXPECT_TRUE(r.msgId == 0x1234 && r.kind == 4 && r.level == 0xFF && r.headWord == 0 && r.vrid == 0);
     EXPECT_EQ(r.optionWord, 0xAAAAAA01u);
-    ASSERT_EQ(r.options.size(), 1u);
-    EXPECT_EQ(r.options[0].type, 67u);
-    EXPECT_EQ(r.options[0].Text(), "evtsvc");
-    ASSERT_EQ(r.params.size(), 1u);
-    EXPECT_EQ(r.params[0].type, 3u);
-    EXPECT_EQ(r.params[0].U32(), 7u);
-    EXPECT_TRUE(r.tail.empty());
+    ASSERT_TRUE(r.options.size() == 1 && r.params.size() == 1 && r.tail.empty());
+    EXPECT_TRUE(r.options[0].type == 67 && r.options[0].Text() == "evtsvc");
+    EXPECT_TRUE(r.params[0].type == 3 && r.params[0].U32() == 7);
 }
 
 TEST_F(LogReportTest, EachKindGoesToItsList) {
@@ -115,11 +107,8 @@ TEST_F(LogReportTest, DebugRecordCarriesKeyLevelAndText) {
         uint32_t list = 99;
         const qvtest::DecodedRecord r = Only(&list);
         ASSERT_TRUE(r.ok) << r.error;
-        EXPECT_EQ(list, QV_AGENT_MSG_DEBUG);
-        EXPECT_EQ(r.kind, 8u);
+        EXPECT_TRUE(list == QV_AGENT_MSG_DEBUG && r.kind == 8 && r.msgId == c.debugId && r.headWord == 0xABCD0001u);
         EXPECT_EQ(r.level, c.level);
-        EXPECT_EQ(r.msgId, c.debugId);
-        EXPECT_EQ(r.headWord, 0xABCD0001u);
         EXPECT_EQ(r.length, 48 + 4 + NameLen() + 8 + 4 + 3);
         EXPECT_EQ(r.tail, (qvtest::Bytes{0x78, 0x56, 0x34, 0x12, 'a', 'b', 0}));
     }
@@ -170,14 +159,8 @@ TEST_F(LogReportTest, TimeFieldsAtTheLastMillisecondOfTheYear) {
     qv::clock::SetReader(LastMomentOfTheYear);
     ASSERT_EQ(QV_Agent_ReportLogById(1, 1, ""), QV_AGENT_OK);
     qvtest::DecodedRecord r = Only();
-    EXPECT_EQ(r.year, 2026u);
-    EXPECT_EQ(r.month, 12u);
-    EXPECT_EQ(r.day, 31u);
-    EXPECT_EQ(r.hour, 23u);
-    EXPECT_EQ(r.minute, 59u);
-    EXPECT_EQ(r.second, 59u);
-    EXPECT_EQ(r.weekday, 4u);
-    EXPECT_EQ(r.millisecond, 999u);
+    EXPECT_EQ((std::vector<uint32_t>{r.year, r.month, r.day, r.hour, r.minute, r.second, r.weekday, r.millisecond}),
+              (std::vector<uint32_t>{2026, 12, 31, 23, 59, 59, 4, 999}));
     EXPECT_EQ(r.monotonicMs, 0x100000005ull);
 
     qvtest::DrainLists(module_);

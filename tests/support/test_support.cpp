@@ -55,10 +55,4 @@ std::map<int, std::string> Threads() {
     return threads;
 }
 
-std::set<std::string> ThreadNames() {
-    std::set<std::string> names;
-    for (const auto &[tid, name] : Threads()) names.insert(name);
-    return names;
-}
-
 }  // namespace qvtest

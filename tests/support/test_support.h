@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <map>
-#include <set>
 #include <string>
 
 namespace qvtest {
@@ -18,10 +17,6 @@ bool FileExists(const std::string &path);
 
 // This process's threads that exist now, by kernel thread id, with their names.
 std::map<int, std::string> Threads();
-
-// The names of this process's threads that exist now (a thread that has returned is gone from here
-// even before it is joined).
-std::set<std::string> ThreadNames();
 
 }  // namespace qvtest
 

@@ -7,7 +7,6 @@
 #include <csignal>
 #include <map>
 #include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,15 +19,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// A field of a JSON line: the number, string or literal behind "key": (first occurrence).
-std::string Field(const std::string &line, const std::string &key) {
-    const std::regex re("\"" + key + "\":(\"((?:[^\"\\\\]|\\\\.)*)\"|-?[0-9]+|true|false|null)");
-    std::smatch m;
-    if (!std::regex_search(line, m, re)) return "<missing>";
-    return m[2].matched ? m[2].str() : m[1].str();
-}
+using wiretest::Field;
 
 bool IsRecord(const std::string &line) { return line.find("\"record\":") != std::string::npos; }
 
@@ -57,18 +48,16 @@ protected:
         EXPECT_TRUE(collector->StartAt(QV_WIRE_PORT_LOG, options)) << collector->Stderr();
         return collector;
     }
-    // Record lines until count were read or the time is up; other lines are kept in events_.
-    std::vector<std::string> Records(wiretest::CollectorProcess &c, size_t count, int timeoutMs) {
+    // Record lines until count were read or the time is up.
+    static std::vector<std::string> Records(wiretest::CollectorProcess &c, size_t count, int timeoutMs) {
         std::vector<std::string> records;
-        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (records.size() < count && Clock::now() < deadline) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-            auto line = c.NextLine(static_cast<int>(left.count()));
-            if (!line) break;
-            (IsRecord(*line) ? records : events_).push_back(*line);
-        }
+        c.ReadLines(timeoutMs, [&](const std::string &line) {
+            if (IsRecord(line)) records.push_back(line);
+            return records.size() >= count;
+        });
         return records;
     }
+
     // Reports one record of every kind, with the id base + n, and says what the collector must show.
     std::vector<Expect> ReportEveryKind(QvAgentModule *m, uint32_t base) {
         std::vector<Expect> expect;
@@ -112,7 +101,6 @@ protected:
             EXPECT_EQ(seen, 1) << "reported once, decoded once";
         }
     }
-    std::vector<std::string> events_;
 };
 
 TEST_F(AgentEndToEnd, SocketModeRecordsAreDecodedOnceFieldByField) {
@@ -138,11 +126,10 @@ TEST_F(AgentEndToEnd, UnacknowledgedDatagramArrivesAgainWithItsNumber) {
     ASSERT_EQ(QV_AGENT_CreateModuleRecovery(m), QV_AGENT_OK);
     // The alarm kind's stream start (number 1) is not acknowledged the first time: it comes again.
     std::vector<std::string> starts;
-    const auto deadline = Clock::now() + std::chrono::seconds(6);
-    while (starts.size() < 2 && Clock::now() < deadline) {
-        auto line = collector->NextLine(1000);
-        if (line && Field(*line, "kind") == "alarm") starts.push_back(*line);
-    }
+    collector->ReadLines(6000, [&](const std::string &line) {
+        if (Field(line, "kind") == "alarm") starts.push_back(line);
+        return starts.size() == 2;
+    });
     ASSERT_EQ(starts.size(), 2u);
     EXPECT_EQ(Field(starts[0], "event"), "stream_start");
     EXPECT_EQ(Field(starts[0], "seq"), "1");

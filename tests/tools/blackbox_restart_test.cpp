@@ -24,23 +24,13 @@
 
 namespace {
 
+using wiretest::Field;
 using Clock = std::chrono::steady_clock;
 using Ms = std::chrono::milliseconds;
 
 constexpr char kLogId[] = "45253";  // box_logger's log id, 0xB0C5
 constexpr int kStartMs = 30000;  // bounded waits, generous for the emulator and the sanitizers
 constexpr int kDrainMs = 40000;  // box_logger gives up draining after 30 s
-
-// The value after the first "key": at or after `from` in a collector line: a string without its
-// quotes, or a number; empty when there is none.
-std::string Field(const std::string &line, const std::string &key, size_t from = 0) {
-    const std::string tag = "\"" + key + "\":";
-    const size_t at = from == std::string::npos ? from : line.find(tag, from);
-    if (at == std::string::npos) return {};
-    const size_t begin = at + tag.size();
-    if (begin < line.size() && line[begin] == '"') return line.substr(begin + 1, line.find('"', begin + 1) - begin - 1);
-    return line.substr(begin, line.find_first_of(",}]", begin) - begin);
-}
 
 // One datagram of the collector's output: its sender and number.
 struct Datagram {
@@ -114,11 +104,11 @@ protected:
 
     // Reads what the collector printed so far, so its pipe never fills while a service runs.
     void PumpCollector() {
-        while (collector_ != nullptr) {
-            auto line = collector_->NextLine(0);
-            if (!line) break;
-            arrivals_.Take(*line);
-        }
+        if (collector_ == nullptr) return;
+        collector_->ReadLines(0, [this](const std::string &line) {
+            arrivals_.Take(line);
+            return false;
+        });
     }
 
     // Reads the service's lines until `until` or until stop(life) holds; false when its output closed.

@@ -90,13 +90,10 @@ TEST_F(CollectorEndToEnd, AnswersFromTheReceivingPortAndReportsEveryDatagram) {
         std::string line;  // a part of the one line it brings
     } cases[] = {
         {0, FromHex("00 07 04 01 00 00 00"), "", R"({"kind":"log","from")"},  // too short for a number
-        {3, Bytes(100, 0xFF), "", R"("event":"error","length":100,)"},
         {0, kLogStart, "000c80010000000101000000",
          R"({"kind":"log","seq":1,"from":"127.0.0.1:)" + std::to_string(port_) + R"(","event":"stream_start")"},
         {1, kAlarmStart, "0008800100000001", R"({"kind":"alarm","seq":1,)"},
         {4, Datagram(kData, 7, kOther, debug), "0008800100000007", R"({"kind":"debug","seq":7,)"},
-        // Debug datagrams on the log port (socket mode): the stream type goes back in the acknowledgement.
-        {0, Datagram(kData, 3, kOther, debug), "000c80010000000302000000", R"({"kind":"debug","seq":3,)"},
         {2, Datagram(kData, 0xFFFFFFFF, kOther, ByIdRecord(20, 1, {})), "00088001ffffffff",
          R"({"kind":"hplog","seq":4294967295,)"},
         {0, kFlush, "", R"("event":"flush")"},

@@ -107,6 +107,14 @@ std::optional<std::string> CollectorProcess::NextLine(int timeoutMs) {
     }
 }
 
+bool CollectorProcess::ReadLines(int timeoutMs, const std::function<bool(const std::string &)> &take) {
+    const auto deadline = After(timeoutMs);
+    while (auto line = NextLine(Left(deadline))) {
+        if (take(*line)) return true;
+    }
+    return false;
+}
+
 int CollectorProcess::WaitExit(int timeoutMs) {
     const auto deadline = After(timeoutMs);
     while (pid_ > 0) {
@@ -129,6 +137,15 @@ int CollectorProcess::WaitExit(int timeoutMs) {
 int CollectorProcess::Stop(int sig, int timeoutMs) {
     if (pid_ > 0) kill(pid_, sig);
     return WaitExit(timeoutMs);
+}
+
+std::string Field(const std::string &line, const std::string &key, size_t from) {
+    const std::string tag = "\"" + key + "\":";
+    const size_t at = from == std::string::npos ? from : line.find(tag, from);
+    if (at == std::string::npos) return {};
+    const size_t begin = at + tag.size();
+    if (begin < line.size() && line[begin] == '"') return line.substr(begin + 1, line.find('"', begin + 1) - begin - 1);
+    return line.substr(begin, line.find_first_of(",}]", begin) - begin);
 }
 
 }  // namespace wiretest

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +29,9 @@ public:
 
     // The next line of standard output, or nothing after timeoutMs.
     std::optional<std::string> NextLine(int timeoutMs);
+    // Hands each line of standard output to take until it returns true or timeoutMs passed (0: only
+    // the lines already there); whether take said enough.
+    bool ReadLines(int timeoutMs, const std::function<bool(const std::string &)> &take);
 
     // Waits for the process to end by itself, then reads what it left; returns its exit status or -1.
     int WaitExit(int timeoutMs);
@@ -46,6 +50,10 @@ private:
     std::array<int, 2> fd_{-1, -1};  // standard output, standard error
     std::array<std::string, 2> text_;
 };
+
+// The value after the first "key": at or after `from` in a JSON line of the collector: a string
+// without its quotes, or a number or literal; empty when there is none.
+std::string Field(const std::string &line, const std::string &key, size_t from = 0);
 
 }  // namespace wiretest
 

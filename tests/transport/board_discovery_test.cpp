@@ -141,17 +141,4 @@ TEST_F(BoardDiscoveryTest, WhereTheCollectorIs) {
     }
 }
 
-TEST_F(BoardDiscoveryTest, PortOfEachKind) {
-    Start("none", {});
-    const uint16_t expect[] = {6010, 6011, 6014, 6012, 6013, 0, 0, 0};
-    for (uint32_t k = 0; k < 8; ++k) {
-        EXPECT_EQ(QV_AGENT_GetDestPortByType(k), expect[k]) << k;
-        MESH_ADDR_S addr{};
-        QV_AGENT_GetDestIpAddr(&addr, k, module_);
-        EXPECT_EQ(ntohs(addr.usPort), expect[k]);
-        EXPECT_EQ(addr.ucAddrType, 0u);
-    }
-    EXPECT_EQ(QV_AGENT_GetDestIpAddr(nullptr, 0, module_), QV_AGENT_ERR_PARAM);
-}
-
 }  // namespace
