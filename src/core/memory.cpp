@@ -32,10 +32,8 @@ void CountBlocks(int64_t change) {
                               std::memory_order_relaxed);
 }
 
-// Every report takes and gives back several blocks, each under the memory mutex for a few instructions:
-// the brief guard keeps two reporting threads from putting each other to sleep there.
 void *Allocate(uint32_t size, uint32_t line) {
-    qv::BriefMutexGuard guard(g_farnoInitMutex);
+    qv::MutexGuard guard(g_farnoInitMutex);
     void *block = g_farnoInited != 0 ? PAL_MemAlloc_F(g_qvagentMemHandle, 0, size, kAllocOrigin, line)
                                      : std::malloc(size);
     if (block != nullptr) CountBlocks(1);
@@ -44,7 +42,7 @@ void *Allocate(uint32_t size, uint32_t line) {
 
 void Release(void *block, uint32_t line) {
     if (block == nullptr) return;
-    qv::BriefMutexGuard guard(g_farnoInitMutex);
+    qv::MutexGuard guard(g_farnoInitMutex);
     if (g_farnoInited != 0) {
         PAL_MemFree_F(g_qvagentMemHandle, block, kAllocOrigin, line);
     } else {

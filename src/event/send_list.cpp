@@ -122,6 +122,6 @@ uint32_t QV_AGENT_AddSendBuf(const uint8_t *record, uint32_t len, uint32_t k, Qv
     QvAgentListItem *item = nullptr;
     const uint32_t rc = NewItem(record, len, module, &item);
     if (rc != QV_AGENT_OK) return rc;
-    qv::BriefMutexGuard guard(module->stListMutex);
+    qv::MutexGuard guard(module->stListMutex);
     return Admit(module, static_cast<int32_t>(k), item);
 }
