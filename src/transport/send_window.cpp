@@ -29,10 +29,17 @@ bool IsResendPoint(uint32_t sendTimes) {
     return sendTimes <= kLastResendPoint && ((kResendPoints >> sendTimes) & 1u) != 0;
 }
 
+// Datagrams per kind released unacknowledged at the end of their schedule, for the diagnosis of
+// a collector's gaps.
+std::atomic<uint64_t> g_dropped[QV_AGENT_MSG_KPI];
+
 // A pass of a kind whose datagram is kept: resend it (its length), or wait (-1).
-int32_t PassWithKeptCopy(QvAgentSendList &list, uint8_t *buf, uint32_t size, QvAgentModule *module) {
+int32_t PassWithKeptCopy(uint32_t k, QvAgentSendList &list, uint8_t *buf, uint32_t size, QvAgentModule *module) {
     ++list.uiSendTimes;
-    if (QV_AGENT_CheckReSendLimit(&list, module) == 0) return -1;
+    if (QV_AGENT_CheckReSendLimit(&list, module) == 0) {
+        if (list.pucResendMsg == nullptr) g_dropped[k].fetch_add(1, std::memory_order_relaxed);
+        return -1;
+    }
     if (memcpy_s(buf, size, list.pucResendMsg, list.uiResendMsgLen) != QV_EOK) return 0;
     return static_cast<int32_t>(list.uiResendMsgLen);
 }
@@ -97,6 +104,8 @@ void ClearPassCounters(QvAgentModule *module) {
     std::atomic_ref<uint32_t>(module->uiDebugSendCnt).store(0, std::memory_order_relaxed);
 }
 
+uint64_t Dropped(uint32_t k) { return k < QV_AGENT_MSG_KPI ? g_dropped[k].load(std::memory_order_relaxed) : 0; }
+
 }  // namespace qv::window
 
 uint32_t QV_AGENT_CheckReSendLimit(QvAgentSendList *list, QvAgentModule *module) {
@@ -145,7 +154,7 @@ int32_t QV_AGENT_GetSendMsg(uint32_t k, uint8_t *buf, uint32_t size, QvAgentModu
     if (k >= QV_AGENT_MSG_KPI || buf == nullptr || module == nullptr) return 0;
     qv::MutexGuard guard(module->stListMutex);
     QvAgentSendList &list = module->astSendList[k];
-    if (list.pucResendMsg != nullptr) return PassWithKeptCopy(list, buf, size, module);
+    if (list.pucResendMsg != nullptr) return PassWithKeptCopy(k, list, buf, size, module);
     return PassBuildingNew(k, list, buf, size, module);
 }
 

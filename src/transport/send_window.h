@@ -21,6 +21,10 @@ void CountPacked(QvAgentModule *module, int32_t k);
 // Clears the per-pass record counters without the list mutex.
 void ClearPassCounters(QvAgentModule *module);
 
+// Datagrams of kind k (0 to 3) released unacknowledged after their last resend, since the process
+// started: each is a gap in the numbers the collector receives.
+uint64_t Dropped(uint32_t k);
+
 }  // namespace qv::window
 
 #endif
