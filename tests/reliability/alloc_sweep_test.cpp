@@ -54,10 +54,13 @@ uint32_t SendObj(Ctx &c) {
 }
 uint32_t Create(Ctx &c, uint32_t kind) { return QV_Agent_ObjCreate(kind, 77, &c.obj, c.module); }
 
-// The blackbox of the service type "sweep", opened for the log calls that go to it.
-void OpenBox(Ctx &c) {
+// The blackbox of the service type "sweep": named, then opened for the log calls that go to it.
+void NameBox(Ctx &c) {
     c.boxEnv.emplace("sweep");
     ASSERT_EQ(QV_AGENT_GetFileBufName(c.module->szBlackboxFile, QV_AGENT_BLACKBOX_PATH_LEN), QV_AGENT_OK);
+}
+void OpenBox(Ctx &c) {
+    NameBox(c);
     ASSERT_EQ(QV_AGENT_InitLogBlackbox(c.module), QV_AGENT_OK);
     c.module->bBlackboxEnable = 1;
 }
@@ -110,6 +113,8 @@ const Call kCalls[] = {
      // The restraint's entry, then the queued copy; a refused copy still counts in the entry's statistics.
      {QV_AGENT_ERR_FAILED, kNoMem},
      [](Ctx &c, uint32_t rc) { return rc != QV_AGENT_ERR_FAILED || qvtest::RestraintEntries(c.module) == 0; }},
+    {"open the blackbox", NameBox, [](Ctx &c) { return QV_AGENT_InitLogBlackbox(c.module); }, {QV_AGENT_ERR_FAILED},
+     [](Ctx &, uint32_t) { return g_pstQvAgentLogBox == nullptr; }},
     {"send a log into the blackbox",
      [](Ctx &c) {
          OpenBox(c);
