@@ -25,6 +25,10 @@ void ClearPassCounters(QvAgentModule *module);
 // started: each is a gap in the numbers the collector receives.
 uint64_t Dropped(uint32_t k);
 
+// Numbers of kind k (0 to 3) raised for a datagram that then found nothing to pack (the pass cap
+// reached, or a blackbox with nothing left to read), since the process started: gaps too.
+uint64_t Skipped(uint32_t k);
+
 }  // namespace qv::window
 
 #endif
