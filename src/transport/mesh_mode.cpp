@@ -190,14 +190,23 @@ uint32_t QV_AGENT_RecieveUdpEventDeal(uint32_t fd, uint32_t events, uint32_t k, 
         return QV_AGENT_OK;
     }
     QV_AGENT_WriteToFile("QV_AGENT_RecieveUdpEventDeal ilen=%d", n);
+    qv::mesh::TakeReply(module, k, port);
+    return QV_AGENT_OK;
+}
+
+namespace qv::mesh {
+
+void TakeReply(QvAgentModule *module, uint32_t k, uint32_t port) {
+    if (module == nullptr || k >= QV_AGENT_MSG_KPI) return;
     {
         qv::MutexGuard guard(module->stListMutex);
         qv::window::ReleaseAcknowledged(module, k);
     }
     QV_AGENT_WriteToFile("QV_AGENT_RecieveUdpEventDeal send next");
     QV_AGENT_SendMeshMsg(k, static_cast<int32_t>(port), module);
-    return QV_AGENT_OK;
 }
+
+}  // namespace qv::mesh
 
 uint32_t QV_AGENT_EpollLogEventProc(uint32_t *events, void *module) { return EventProc(events, module, QV_AGENT_MSG_LOG); }
 uint32_t QV_AGENT_EpollAlarmEventProc(uint32_t *events, void *module) {

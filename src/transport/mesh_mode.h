@@ -7,4 +7,13 @@
 
 #include "qvagent/qv_agent_transport.h"
 
+namespace qv::mesh {
+
+// What a datagram read from the mesh socket of kind k (0 to 3) does, whatever its bytes: it counts as
+// the acknowledgement of the kept datagram, which is released, and the next datagram goes out to port.
+// The seam under the socket read, for the receive path's fuzz target.
+void TakeReply(QvAgentModule *module, uint32_t k, uint32_t port);
+
+}  // namespace qv::mesh
+
 #endif

@@ -29,10 +29,18 @@ bool IsResendPoint(uint32_t sendTimes) {
     return sendTimes <= kLastResendPoint && ((kResendPoints >> sendTimes) & 1u) != 0;
 }
 
+// Per kind, for the diagnosis of a collector's gaps: datagrams released unacknowledged at the end of
+// their schedule, and numbers raised for a datagram that found nothing to pack.
+std::atomic<uint64_t> g_dropped[QV_AGENT_MSG_KPI];
+std::atomic<uint64_t> g_skipped[QV_AGENT_MSG_KPI];
+
 // A pass of a kind whose datagram is kept: resend it (its length), or wait (-1).
-int32_t PassWithKeptCopy(QvAgentSendList &list, uint8_t *buf, uint32_t size, QvAgentModule *module) {
+int32_t PassWithKeptCopy(uint32_t k, QvAgentSendList &list, uint8_t *buf, uint32_t size, QvAgentModule *module) {
     ++list.uiSendTimes;
-    if (QV_AGENT_CheckReSendLimit(&list, module) == 0) return -1;
+    if (QV_AGENT_CheckReSendLimit(&list, module) == 0) {
+        if (list.pucResendMsg == nullptr) g_dropped[k].fetch_add(1, std::memory_order_relaxed);
+        return -1;
+    }
     if (memcpy_s(buf, size, list.pucResendMsg, list.uiResendMsgLen) != QV_EOK) return 0;
     return static_cast<int32_t>(list.uiResendMsgLen);
 }
@@ -45,6 +53,7 @@ int32_t PassBuildingNew(uint32_t k, QvAgentSendList &list, uint8_t *buf, uint32_
     if (QV_AGENT_AssembleMsgHead(k, &list, buf, size, module) != QV_AGENT_OK) return 0;
     // The sequence number just raised stays used even when nothing is packed: the collector sees a gap.
     if (streamStarted && QV_AGENT_AssembleMsgBody(static_cast<int32_t>(k), &list, buf, size, module) != QV_AGENT_OK) {
+        g_skipped[k].fetch_add(1, std::memory_order_relaxed);
         return 0;
     }
     const uint16_t len = qv::bytes::LoadBe16(buf + QV_WIRE_HEAD_TOTAL_LEN_OFF);
@@ -97,6 +106,10 @@ void ClearPassCounters(QvAgentModule *module) {
     std::atomic_ref<uint32_t>(module->uiDebugSendCnt).store(0, std::memory_order_relaxed);
 }
 
+uint64_t Dropped(uint32_t k) { return k < QV_AGENT_MSG_KPI ? g_dropped[k].load(std::memory_order_relaxed) : 0; }
+
+uint64_t Skipped(uint32_t k) { return k < QV_AGENT_MSG_KPI ? g_skipped[k].load(std::memory_order_relaxed) : 0; }
+
 }  // namespace qv::window
 
 uint32_t QV_AGENT_CheckReSendLimit(QvAgentSendList *list, QvAgentModule *module) {
@@ -145,7 +158,7 @@ int32_t QV_AGENT_GetSendMsg(uint32_t k, uint8_t *buf, uint32_t size, QvAgentModu
     if (k >= QV_AGENT_MSG_KPI || buf == nullptr || module == nullptr) return 0;
     qv::MutexGuard guard(module->stListMutex);
     QvAgentSendList &list = module->astSendList[k];
-    if (list.pucResendMsg != nullptr) return PassWithKeptCopy(list, buf, size, module);
+    if (list.pucResendMsg != nullptr) return PassWithKeptCopy(k, list, buf, size, module);
     return PassBuildingNew(k, list, buf, size, module);
 }
 

@@ -21,6 +21,14 @@ void CountPacked(QvAgentModule *module, int32_t k);
 // Clears the per-pass record counters without the list mutex.
 void ClearPassCounters(QvAgentModule *module);
 
+// Datagrams of kind k (0 to 3) released unacknowledged after their last resend, since the process
+// started: each is a gap in the numbers the collector receives.
+uint64_t Dropped(uint32_t k);
+
+// Numbers of kind k (0 to 3) raised for a datagram that then found nothing to pack (the pass cap
+// reached, or a blackbox with nothing left to read), since the process started: gaps too.
+uint64_t Skipped(uint32_t k);
+
 }  // namespace qv::window
 
 #endif
