@@ -115,17 +115,6 @@ TEST_F(RestraintTest, IdsAreCountedIndependently) {
     EXPECT_EQ(QueuedOf(kCalm), 55u);
 }
 
-TEST_F(RestraintTest, NoMemoryForStatisticsRefusesTheRecord) {
-    QvAgentObj *obj = Create(QV_AGENT_OBJ_DIAG, 0x5555);
-    // The send's allocations: the statistics entry first, then the queued copy.
-    QVPLAT_TestFailAllocation(1);
-    EXPECT_EQ(QV_Agent_Send(obj, module_), QV_AGENT_ERR_FAILED);
-    QVPLAT_TestFailAllocation(0);
-    EXPECT_EQ(module_->astSendList[QV_AGENT_MSG_LOG].uiCount, 0u);
-    EXPECT_EQ(Statis(0x5555), nullptr);
-    EXPECT_EQ(qvtest::AgentBlocks(), baseBlocks_);
-}
-
 TEST_F(RestraintTest, DeleteForgetsEveryId) {
     for (uint32_t id = 1; id <= 100; ++id) SendDiag(id * 7919, 1);
     EXPECT_NE(module_->stDiagTree.pstFirst, nullptr);

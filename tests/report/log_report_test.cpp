@@ -191,32 +191,4 @@ TEST_F(LogReportTest, CalendarOfKnownDays) {
     }
 }
 
-// Counts a report's allocations, then fails each: no memory comes back and nothing stays allocated.
-TEST_F(LogReportTest, EveryBlockOfAReportCanFail) {
-    const QvAgentDebugKey key{1, 2};
-    const struct {
-        const char *name;
-        uint32_t (*report)(const QvAgentDebugKey &);
-    } reports[] = {
-        {"by identifier", [](const QvAgentDebugKey &) { return QV_Agent_ReportLogById(4, 0x1234, "port %u down", 7u); }},
-        {"debug", [](const QvAgentDebugKey &k) { return QV_Agent_Debug(&k, "text", 0x4000, "%d%s", 1, "s"); }},
-    };
-    for (const auto &rep : reports) {
-        SCOPED_TRACE(rep.name);
-        const uint64_t before = QVPLAT_TestAllocCalls();
-        ASSERT_EQ(rep.report(key), QV_AGENT_OK);
-        const uint64_t calls = QVPLAT_TestAllocCalls() - before;
-        EXPECT_EQ(calls, rep.report == reports[0].report ? 4u : 5u) << "parameters, scratch, (text), record, queued copy";
-        qvtest::DrainLists(module_);
-        for (uint64_t n = 1; n <= calls; ++n) {
-            SCOPED_TRACE(n);
-            QVPLAT_TestFailAllocation(n);
-            EXPECT_EQ(rep.report(key), QV_AGENT_ERR_NO_MEMORY);
-            QVPLAT_TestFailAllocation(0);
-            EXPECT_EQ(qvtest::AgentBlocks(), baseBlocks_);
-            for (uint32_t k = 0; k < QV_AGENT_MSG_KIND_COUNT; ++k) EXPECT_EQ(module_->astSendList[k].uiCount, 0u);
-        }
-    }
-}
-
 }  // namespace
