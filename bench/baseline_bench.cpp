@@ -234,40 +234,9 @@ uint32_t DebugLog() {
     return QV_Agent_Debug(&key, "fan speed", 0x4000, "%u", 3000u);
 }
 
-uint32_t LogObject() {
-    QvAgentModule *module = qvbench::Agent();
-    uint32_t port = 7, speed = 10000, up = 1;
-    uint16_t vlan = 100;
-    char text[] = "link down";
-    QvAgentObj *obj = nullptr;
-    QV_Agent_ObjCreate(1, 0x1234, &obj, module);
-    QV_Agent_AddOption(obj, 100, sizeof port, &port, module);
-    QV_Agent_AddOption(obj, 101, sizeof vlan, &vlan, module);
-    QV_Agent_AddPara(obj, 6, sizeof speed, &speed, module);
-    QV_Agent_AddPara(obj, 6, sizeof up, &up, module);
-    QV_Agent_AddPara(obj, 25, sizeof text, text, module);
-    return QV_Agent_Send(obj, module);
-}
+uint32_t LogObject() { return qvbench::ReportLogObject(qvbench::Agent()); }
 
-uint32_t Alarm() {
-    QvAgentModule *module = qvbench::Agent();
-    static QvAgentSysTime time = [] {
-        QvAgentSysTime now{};
-        QV_AGENT_GMT_SystimeGet(&now);
-        return now;
-    }();
-    QvAgentAlarmComAttr attr{};
-    attr.uiCategory = 1;
-    attr.pstTime = &time;
-    uint32_t slot = 3;
-    char text[] = "fan failure";
-    QvAgentObj *obj = nullptr;
-    QV_Agent_ObjCreate(5, 0x5678, &obj, module);
-    QV_Agent_SetAlarmComAttr(obj, &attr, module);
-    QV_Agent_AddPara(obj, 6, sizeof slot, &slot, module);
-    QV_Agent_AddPara(obj, 25, sizeof text, text, module);
-    return QV_Agent_Send(obj, module);
-}
+uint32_t Alarm() { return qvbench::ReportAlarm(qvbench::Agent()); }
 
 uint32_t Floor() { return FloorReport(7); }
 

@@ -1,4 +1,4 @@
-// Entry point of the benchmarks and their shared module record.
+// Entry point of the benchmarks, their shared module record and the event-object reports they time.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -36,6 +36,39 @@ void DrainLists(QvAgentModule *module) {
             qv::sendlist::Release(item, module);
         }
     }
+}
+
+uint32_t ReportLogObject(QvAgentModule *module) {
+    uint32_t port = 7, speed = 10000, up = 1;
+    uint16_t vlan = 100;
+    char text[] = "link down";
+    QvAgentObj *obj = nullptr;
+    QV_Agent_ObjCreate(1, 0x1234, &obj, module);
+    QV_Agent_AddOption(obj, 100, sizeof port, &port, module);
+    QV_Agent_AddOption(obj, 101, sizeof vlan, &vlan, module);
+    QV_Agent_AddPara(obj, 6, sizeof speed, &speed, module);
+    QV_Agent_AddPara(obj, 6, sizeof up, &up, module);
+    QV_Agent_AddPara(obj, 25, sizeof text, text, module);
+    return QV_Agent_Send(obj, module);
+}
+
+uint32_t ReportAlarm(QvAgentModule *module) {
+    static QvAgentSysTime time = [] {
+        QvAgentSysTime now{};
+        QV_AGENT_GMT_SystimeGet(&now);
+        return now;
+    }();
+    QvAgentAlarmComAttr attr{};
+    attr.uiCategory = 1;
+    attr.pstTime = &time;
+    uint32_t slot = 3;
+    char text[] = "fan failure";
+    QvAgentObj *obj = nullptr;
+    QV_Agent_ObjCreate(5, 0x5678, &obj, module);
+    QV_Agent_SetAlarmComAttr(obj, &attr, module);
+    QV_Agent_AddPara(obj, 6, sizeof slot, &slot, module);
+    QV_Agent_AddPara(obj, 25, sizeof text, text, module);
+    return QV_Agent_Send(obj, module);
 }
 
 }  // namespace qvbench

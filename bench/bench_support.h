@@ -15,6 +15,11 @@ QvAgentModule *Agent();
 // Releases every record queued on send lists 0-3.
 void DrainLists(QvAgentModule *module);
 
+// The event-object reports the benchmarks time: a log (create, two options, three parameters, send)
+// and an alarm (create, common attributes, two parameters, send).
+uint32_t ReportLogObject(QvAgentModule *module);
+uint32_t ReportAlarm(QvAgentModule *module);
+
 // Drain every this many iterations, outside the timed region: often enough that the queue stays in
 // the heap a service keeps (a few hundred records, as the transport drains them every tick), rather
 // than growing and trimming the heap, which would time the kernel's page faults.
