@@ -1,4 +1,6 @@
 // qvcollector: the collector at the other end of the agent's datagrams, for operators and tests.
+#include <pthread.h>
+
 #include <csignal>
 #include <cstdio>
 #include <functional>
@@ -25,6 +27,17 @@ const char *SignalName(int sig) {
     }
 }
 
+// Blocks the stop signals in this thread before any other starts: the threads that the stream client
+// and the metrics server start inherit the mask, so a stop signal always reaches the receive loop,
+// which unblocks it only while it waits. Had another thread taken it, the loop would wait on.
+void BlockStopSignals() {
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -40,6 +53,7 @@ int main(int argc, char **argv) {
         return 0;
     }
 
+    BlockStopSignals();
     RecordStore *store = nullptr;
 #ifdef QV_COLLECTOR_WITH_NATS
     NatsSink sink;
