@@ -16,8 +16,8 @@
 
 namespace {
 
-// The record copy follows the item in the same block, aligned as the allocator aligns blocks.
-constexpr uint32_t kItemSize = (sizeof(QvAgentListItem) + 15u) & ~15u;
+// The record copy follows the item in the same block.
+constexpr uint32_t kItemSize = sizeof(QvAgentListItem);
 
 uint32_t LimitOf(const QvAgentModule *module, int32_t k) {
     return k == static_cast<int32_t>(QV_AGENT_MSG_KPI) ? QV_AGENT_KPI_LIST_LIMIT : qv::LoadShared(module->uiListLimit);
